@@ -1,0 +1,2 @@
+#include "commands.h"
+int cmd_render(int, char**) { return fail("render: not available yet"); }

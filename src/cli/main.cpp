@@ -1,0 +1,73 @@
+// kavlen: the command-line front of the engine.
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+#include "commands.h"
+#include "kavlen/kavlen.h"
+
+int fail(const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  fputs("kavlen: ", stderr);
+  vfprintf(stderr, fmt, ap);
+  fputc('\n', stderr);
+  va_end(ap);
+  return 1;
+}
+
+bool read_text_file(const std::string& path, std::string& out, std::string& error) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) {
+    error = "cannot open " + path + ": " + std::strerror(errno);
+    return false;
+  }
+  std::ostringstream ss;
+  ss << in.rdbuf();
+  if (in.bad()) {
+    error = "cannot read " + path;
+    return false;
+  }
+  out = ss.str();
+  return true;
+}
+
+namespace {
+
+struct Command {
+  const char* name;
+  int (*run)(int, char**);
+  const char* summary;
+};
+
+const Command kCommands[] = {
+    {"info", cmd_info, "info SCENE.json [--time-ms T] [--output ID]   show what the engine resolves"},
+    {"render", cmd_render, "render SCENE.json -o frame.png [options]      draw one frame"},
+    {"analyze", cmd_analyze, "analyze MEDIA [-o OUT.signals]                write the audio signal file"},
+};
+
+void usage(FILE* to) {
+  fprintf(to, "kavlen %s\nusage:\n", kvl_version());
+  for (const Command& c : kCommands) fprintf(to, "  kavlen %s\n", c.summary);
+  fprintf(to, "  kavlen COMMAND --help for the options of a command\n");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2 || !strcmp(argv[1], "--help") || !strcmp(argv[1], "-h")) {
+    usage(argc < 2 ? stderr : stdout);
+    return argc < 2 ? 2 : 0;
+  }
+  if (!strcmp(argv[1], "--version")) {
+    printf("kavlen %s\n", kvl_version());
+    return 0;
+  }
+  for (const Command& c : kCommands)
+    if (!strcmp(argv[1], c.name)) return c.run(argc - 1, argv + 1);
+  fail("unknown command '%s' (try kavlen --help)", argv[1]);
+  return 2;
+}
