@@ -1,0 +1,216 @@
+// The engine handle: creation, output selection, scene changes, media needs,
+// error text and the null-handle rules of the interface.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "kavlen/kavlen.h"
+
+namespace {
+
+struct EngineDeleter {
+  void operator()(kvl_engine* e) const { kvl_engine_destroy(e); }
+};
+using Engine = std::unique_ptr<kvl_engine, EngineDeleter>;
+
+Engine make(const char* json, int w = 64, int h = 36, const char* out = nullptr) {
+  return Engine(kvl_engine_create(json, w, h, out));
+}
+
+const char* kTwoOutputs = R"({
+  "outputs": [{"id": "left", "resolution": [640, 360]}, {"id": "right", "resolution": [800, 600]}],
+  "mappings": [
+    {"id": "a", "corners": [[0,0],[1,0],[1,1],[0,1]], "paint": {"type": "color", "argb": 4294901760}},
+    {"id": "b", "output": "right", "corners": [[0,0],[1,0],[1,1]], "paint": {"type": "color"}},
+    {"id": "c", "output": "left", "shape": {"kind": "polygon", "vertices": [[0,0],[1,0],[1,1],[0,1],[0.5,0.5]]},
+     "paint": {"type": "image", "path": "x.png"}}
+  ]})";
+
+TEST(EngineCreate, RejectsBadArgumentsWithMessage) {
+  EXPECT_EQ(kvl_engine_create(nullptr, 10, 10, nullptr), nullptr);
+  EXPECT_STREQ(kvl_last_error(), "argumentos inválidos");
+  EXPECT_EQ(kvl_engine_create("{}", 0, 10, nullptr), nullptr);
+  EXPECT_EQ(kvl_engine_create("{}", 10, -1, nullptr), nullptr);
+  EXPECT_STREQ(kvl_last_error(), "argumentos inválidos");
+}
+
+TEST(EngineCreate, InvalidJsonLeavesParserMessageAndCreateClearsIt) {
+  EXPECT_EQ(kvl_engine_create("{\"mappings\": [", 10, 10, nullptr), nullptr);
+  EXPECT_EQ(std::string(kvl_last_error()).rfind("JSON inválido perto de: ", 0), 0u) << kvl_last_error();
+  Engine e = make("{}");
+  ASSERT_TRUE(e);
+  EXPECT_STREQ(kvl_last_error(), "");
+}
+
+TEST(EngineCreate, EmptySceneHasNoLayersAndAnEmptyDrawList) {
+  Engine e = make("{}");
+  ASSERT_TRUE(e);
+  EXPECT_EQ(kvl_engine_layer_count(e.get()), 0);
+  const kvl_draw_list* list = kvl_engine_draw_list(e.get(), 0);
+  ASSERT_NE(list, nullptr);
+  EXPECT_EQ(list->cmd_count, 0);
+  EXPECT_EQ(list->vertex_count, 0);
+  EXPECT_EQ(list->ref_count, 0);
+  std::vector<uint8_t> px(64 * 36 * 4, 7);
+  ASSERT_EQ(kvl_engine_render(e.get(), 0, px.data(), 64 * 4), 0);
+  for (size_t i = 0; i < px.size(); i += 4) {
+    ASSERT_EQ(px[i], 0);
+    ASSERT_EQ(px[i + 3], 255);
+  }
+}
+
+TEST(EngineSelect, LayersGoToTheirOutputOrTheFirst) {
+  Engine def = make(kTwoOutputs);  // null id: the scene's first output, "left"
+  Engine left = make(kTwoOutputs, 64, 36, "left");
+  Engine right = make(kTwoOutputs, 64, 36, "right");
+  Engine none = make(kTwoOutputs, 64, 36, "nowhere");
+  Engine empty_id = make(kTwoOutputs, 64, 36, "");
+  EXPECT_EQ(kvl_engine_layer_count(def.get()), 2);
+  EXPECT_EQ(kvl_engine_layer_count(left.get()), 2);
+  EXPECT_EQ(kvl_engine_layer_count(right.get()), 1);
+  EXPECT_EQ(kvl_engine_layer_count(none.get()), 0);
+  EXPECT_EQ(kvl_engine_layer_count(empty_id.get()), 2);
+  // The unmatched handle is valid and shows nothing.
+  ASSERT_NE(kvl_engine_draw_list(none.get(), 0), nullptr);
+  EXPECT_EQ(kvl_engine_draw_list(none.get(), 0)->cmd_count, 0);
+}
+
+TEST(EngineSelect, SceneWithoutOutputsBindsToMain) {
+  const char* json = R"({"mappings": [{"id": "a", "corners": [[0,0],[1,0],[1,1],[0,1]]},
+                                      {"id": "b", "output": "main", "corners": [[0,0],[1,0],[1,1],[0,1]]},
+                                      {"id": "c", "output": "other", "corners": [[0,0],[1,0],[1,1],[0,1]]}]})";
+  EXPECT_EQ(kvl_engine_layer_count(make(json).get()), 2);
+  EXPECT_EQ(kvl_engine_layer_count(make(json, 8, 8, "other").get()), 1);
+}
+
+TEST(EngineScene, FailedChangeKeepsTheOldSceneAndSourcesSurviveChanges) {
+  const char* red = R"({"mappings": [{"id": "a", "corners": [[0,0],[1,0],[1,1],[0,1]],
+                                      "paint": {"type": "color", "argb": 4294901760}}]})";
+  Engine e = make(red, 8, 8);
+  ASSERT_TRUE(e);
+  uint8_t px[4 * 4 * 4] = {};
+  ASSERT_EQ(kvl_engine_set_source(e.get(), "img", px, 4, 4, 16), 0);
+  EXPECT_EQ(kvl_engine_set_scene(e.get(), "not json"), -2);
+  EXPECT_EQ(std::string(kvl_last_error()).rfind("JSON inválido perto de: ", 0), 0u);
+  const kvl_draw_list* list = kvl_engine_draw_list(e.get(), 0);
+  ASSERT_EQ(list->cmd_count, 1);
+  EXPECT_EQ(list->cmds[0].argb, 0xFFFF0000u);
+
+  EXPECT_EQ(kvl_engine_set_scene(e.get(), "{}"), 0);
+  EXPECT_EQ(kvl_engine_layer_count(e.get()), 0);
+  EXPECT_EQ(kvl_engine_draw_list(e.get(), 0)->cmd_count, 0);
+  ASSERT_EQ(kvl_engine_sources(e.get())->count, 1);
+  EXPECT_STREQ(kvl_engine_sources(e.get())->entries[0].key, "img");
+  // A later success does not clear an earlier message.
+  EXPECT_EQ(std::string(kvl_last_error()).rfind("JSON inválido", 0), 0u);
+}
+
+TEST(EngineScene, SceneChangesReselectLayersForTheSameOutput) {
+  Engine e = make(kTwoOutputs, 64, 36, "right");
+  ASSERT_EQ(kvl_engine_layer_count(e.get()), 1);
+  ASSERT_EQ(kvl_engine_set_scene(e.get(), R"({"outputs":[{"id":"right"}],
+      "mappings":[{"id":"x","corners":[[0,0],[1,0],[1,1],[0,1]]},{"id":"y","corners":[[0,0],[1,0],[1,1],[0,1]]}]})"),
+            0);
+  EXPECT_EQ(kvl_engine_layer_count(e.get()), 2);
+}
+
+TEST(EngineRender, StrideRules) {
+  Engine e = make("{}", 10, 3);
+  std::vector<uint8_t> px(10 * 4 * 3 + 64, 0xAB);
+  EXPECT_EQ(kvl_engine_render(e.get(), 0, px.data(), 39), -2);
+  EXPECT_STREQ(kvl_last_error(), "stride menor que width*4");
+  EXPECT_EQ(px[0], 0xAB);  // untouched on refusal
+  EXPECT_EQ(kvl_engine_render(e.get(), 0, nullptr, 40), -1);
+  EXPECT_EQ(kvl_engine_render(e.get(), 0, px.data(), 40), 0);
+  EXPECT_EQ(px[3], 255);
+  // A wider stride leaves the bytes past width * 4 alone.
+  std::vector<uint8_t> wide(44 * 3, 0xCD);
+  EXPECT_EQ(kvl_engine_render(e.get(), 0, wide.data(), 44), 0);
+  EXPECT_EQ(wide[40], 0xCD);
+  EXPECT_EQ(wide[43], 0xCD);
+  EXPECT_EQ(wide[44 + 3], 255);
+}
+
+const char* kMedia = R"({"mappings": [
+  {"id": "v1", "corners": [[0,0],[1,0],[1,1],[0,1]], "paint": {"type": "video", "path": "a.mp4"},
+   "clips": [{"startMs": 1000, "lengthMs": 4000, "paint": {"type": "video", "path": "a.mp4"},
+              "trimStartMs": 500, "speed": 2.0}]},
+  {"id": "v2", "corners": [[0,0],[1,0],[1,1],[0,1]], "paint": {"type": "video", "path": "a.mp4"}},
+  {"id": "hidden", "visible": false, "corners": [[0,0],[1,0],[1,1],[0,1]], "paint": {"type": "video", "path": "h.mp4"}},
+  {"id": "col", "corners": [[0,0],[1,0],[1,1],[0,1]], "paint": {"type": "color"}},
+  {"id": "img", "corners": [[0,0],[1,0],[1,1],[0,1]], "paint": {"type": "image", "path": "p.png"}},
+  {"id": "t", "corners": [[0,0],[1,0],[1,1],[0,1]], "paint": {"type": "text"}},
+  {"id": "g", "groupId": "off", "corners": [[0,0],[1,0],[1,1],[0,1]], "paint": {"type": "video", "path": "g.mp4"}}],
+  "groups": [{"id": "off", "visible": false}]})";
+
+TEST(EngineMedia, FirstLayerDecidesPositionAndSpeed) {
+  Engine e = make(kMedia);
+  kvl_media_need needs[8] = {};
+  int32_t n = kvl_engine_media_at(e.get(), 2000000, needs, 8);  // 2 s: clip active on v1
+  ASSERT_EQ(n, 3);
+  EXPECT_STREQ(needs[0].key, "a.mp4");
+  EXPECT_EQ(needs[0].media_us, 2500000);  // trim 500 + 1000 ms * 2
+  EXPECT_DOUBLE_EQ(needs[0].speed, 2.0);
+  EXPECT_STREQ(needs[1].key, "p.png");
+  EXPECT_EQ(needs[1].media_us, 0);
+  EXPECT_DOUBLE_EQ(needs[1].speed, 1.0);
+  EXPECT_STREQ(needs[2].key, "text:t");
+
+  // Outside the clip, v1's own video plays at the frame time.
+  n = kvl_engine_media_at(e.get(), 123456, needs, 8);
+  ASSERT_EQ(n, 3);
+  EXPECT_EQ(needs[0].media_us, 123456);
+  EXPECT_DOUBLE_EQ(needs[0].speed, 1.0);
+}
+
+TEST(EngineMedia, CapacityBoundsWhatIsStoredNotWhatIsCounted) {
+  Engine e = make(kMedia);
+  EXPECT_EQ(kvl_engine_media_at(e.get(), 0, nullptr, 0), 3);
+  kvl_media_need one[1] = {};
+  // Past the capacity keys are not compared, so the count is an upper bound.
+  EXPECT_EQ(kvl_engine_media_at(e.get(), 0, one, 1), 3);
+  EXPECT_STREQ(one[0].key, "a.mp4");
+  kvl_media_need two[2] = {};
+  EXPECT_EQ(kvl_engine_media_at(e.get(), 0, two, 2), 3);
+}
+
+TEST(EngineNull, EveryFunctionAcceptsANullHandle) {
+  kvl_media_need need{};
+  EXPECT_EQ(kvl_engine_set_scene(nullptr, "{}"), -1);
+  EXPECT_EQ(kvl_engine_set_source(nullptr, "k", nullptr, 1, 1, 4), -1);
+  EXPECT_EQ(kvl_engine_declare_source(nullptr, "k", 1, 1), -1);
+  EXPECT_EQ(kvl_engine_sources(nullptr), nullptr);
+  EXPECT_EQ(kvl_engine_layer_count(nullptr), 0);
+  uint8_t px[4];
+  EXPECT_EQ(kvl_engine_render(nullptr, 0, px, 4), -1);
+  EXPECT_EQ(kvl_engine_draw_list(nullptr, 0), nullptr);
+  EXPECT_EQ(kvl_engine_media_at(nullptr, 0, &need, 1), 0);
+  EXPECT_EQ(kvl_engine_envelope_at(nullptr, "m", 0), -1.0);
+  EXPECT_EQ(kvl_engine_set_track_signals(nullptr, "k", "", 0), -1);
+  kvl_engine_set_media_root(nullptr, "/tmp");
+  kvl_engine_set_threads(nullptr, 3);
+  kvl_engine_set_signals(nullptr, nullptr, 1);
+  kvl_engine_set_audio_time(nullptr, 5);
+  kvl_engine_step_audio(nullptr, 5);
+  kvl_engine_destroy(nullptr);
+  Engine e = make("{}");
+  EXPECT_EQ(kvl_engine_set_scene(e.get(), nullptr), -1);
+}
+
+TEST(EngineSources, DeclareThenSetAndMediaRootRoundTrip) {
+  Engine e = make("{}");
+  EXPECT_EQ(kvl_engine_declare_source(e.get(), "v.mp4", 1920, 1080), 0);
+  EXPECT_EQ(kvl_engine_declare_source(e.get(), "v.mp4", 0, 1080), -1);
+  const kvl_sources* s = kvl_engine_sources(e.get());
+  ASSERT_EQ(s->count, 1);
+  EXPECT_EQ(s->entries[0].pixels, nullptr);
+  EXPECT_EQ(s->entries[0].width, 1920);
+  kvl_engine_set_media_root(e.get(), "/media");
+  kvl_engine_set_media_root(e.get(), nullptr);
+  EXPECT_EQ(kvl_engine_set_scene(e.get(), "{}"), 0);
+  EXPECT_EQ(s->count, 1);
+}
+
+}  // namespace
