@@ -1,5 +1,986 @@
-// CPU frame compositor. (Being written.)
+// CPU frame compositor.
+//
+// kvl_render_frame prepares every resolved layer on the calling thread, then
+// cuts the frame into bands of rows and draws all layers into each band on
+// its own thread. Every pixel's layers are drawn in order by one thread, so
+// the picture does not depend on the thread count.
+//
+// The per-pixel arithmetic is fixed, down to the order of the operations:
+// the same picture has to come out of every build and of the GPU path. The
+// fast paths below (per-row spans of fully covered pixels, 4-wide AVX2
+// kernels) therefore compute exactly the same doubles as the plain per-pixel
+// code beside them, and only skip work whose outcome they can prove:
+//   - the edge distance of a pixel centre is monotone along a row, so the run
+//     of inside-and-not-near pixels is one interval, found with the exact
+//     per-pixel test at its ends;
+//   - doubles in SIMD lanes give the same bits as scalar doubles as long as
+//     each operation and its order are the same, and nothing is fused (no FMA
+//     is enabled for these paths, and contraction is switched off);
+//   - rounding halves away from zero is done as trunc plus an exact
+//     fractional test, identical for the scalar and the vector code.
+#include <math.h>
+#include <pthread.h>
+#include <stdlib.h>
+#include <string.h>
+
 #include "engine_internal.h"
 
-void kvl_render_frame(const kvl_resolved*, int32_t, const kvl_sources*, uint8_t*, int32_t, int32_t, int32_t,
-                      int32_t, kvl_cache*) {}
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#define KVL_X86 1
+#define KVL_AVX2 __attribute__((target("avx2")))
+#define KVL_AVX2_INLINE __attribute__((target("avx2"), always_inline)) inline
+#else
+#define KVL_X86 0
+#endif
+
+#if defined(__clang__)
+#pragma STDC FP_CONTRACT OFF
+#elif defined(__GNUC__)
+#pragma GCC optimize("fp-contract=off")
+#endif
+
+namespace {
+
+// 1/255 as one constant: every "divide by 255" of the pixel code multiplies
+// by it, so that all paths agree bit for bit.
+constexpr double kInv255 = 0.00392156862745098;
+constexpr double kSurfW = 1280.0, kSurfH = 720.0;
+constexpr int32_t kMaxJobs = 32;
+
+struct kvl_color {
+  double r, g, b, a;
+};
+
+// The work of one thread: rows y0 (inclusive) to y1 (exclusive).
+struct kvl_job {
+  const kvl_prep* layers;
+  int32_t count;
+  uint8_t* pixels;
+  int32_t width;
+  int32_t stride;
+  int32_t y0, y1;
+  bool simd;
+};
+
+// Where a layer draws: `base` holds row `row0`, rows are `stride` bytes
+// apart. A private band buffer is a canvas whose row0 is the band's first row.
+struct canvas {
+  uint8_t* base;
+  ptrdiff_t stride;
+  int32_t row0;
+  int32_t width;
+  uint8_t* row(int32_t y) const { return base + static_cast<ptrdiff_t>(y - row0) * stride; }
+};
+
+enum { FILL_SOLID = 0, FILL_PIXELS = 1, FILL_DECLARED = 2 };
+
+// What the per-pixel code reads of a layer, taken from its record once.
+struct shade {
+  double opacity;
+  bool luma;
+  bool ellipse;
+  const uint8_t* mask;
+  double ic[6];
+  int kind;
+  double cr, cg, cb, ca;  // solid colour, straight, 0..255
+  const uint8_t* src;
+  int32_t sw, sh;
+  double dsw, dsh;
+  double cover_ox, cover_oy, cover_scale;
+  bool simd;  // the AVX2 kernels may run for this layer
+};
+
+inline kvl_color argb_color(uint32_t c) {
+  kvl_color out;
+  out.r = static_cast<double>((c >> 16) & 255u);
+  out.g = static_cast<double>((c >> 8) & 255u);
+  out.b = static_cast<double>(c & 255u);
+  out.a = static_cast<double>(c >> 24);
+  return out;
+}
+
+// Round to nearest, halves away from zero, for finite x >= 0 below 2^52:
+// x - trunc(x) is exact there, so the test on the fraction is too.
+inline uint8_t round_byte(double x) {
+  double t = trunc(x);
+  if (x - t >= 0.5) t += 1.0;
+  return static_cast<uint8_t>(static_cast<int32_t>(t));
+}
+
+inline double clamp01(double x) { return x < 0.0 ? 0.0 : (x > 1.0 ? 1.0 : x); }
+
+// Column or row of the surface mask for a surface coordinate. NaN lands on 0;
+// such a point fails the content test of surface_color anyway.
+inline int32_t mask_index(double u, double last) {
+  double t = trunc(u);
+  t = t > 0.0 ? t : 0.0;
+  t = t < last ? t : last;
+  return static_cast<int32_t>(t);
+}
+
+shade make_shade(const kvl_prep* p, double opacity, bool luma, bool simd) {
+  shade s;
+  memset(&s, 0, sizeof s);
+  s.opacity = opacity;
+  s.luma = luma;
+  s.ellipse = p->ellipse;
+  s.mask = p->mask;
+  memcpy(s.ic, p->inv_content, sizeof s.ic);
+  s.cover_ox = p->cover_ox;
+  s.cover_oy = p->cover_oy;
+  s.cover_scale = p->cover_scale;
+  if (p->solid || !p->source) {
+    s.kind = FILL_SOLID;
+    const kvl_color c = argb_color(p->argb);
+    s.cr = c.r;
+    s.cg = c.g;
+    s.cb = c.b;
+    s.ca = c.a;
+  } else if (p->source->pixels) {
+    s.kind = FILL_PIXELS;
+    s.src = p->source->pixels;
+    s.sw = p->source->width;
+    s.sh = p->source->height;
+    s.dsw = static_cast<double>(s.sw);
+    s.dsh = static_cast<double>(s.sh);
+  } else {
+    s.kind = FILL_DECLARED;
+  }
+  // The vector sampler indexes texels with 32-bit offsets.
+  s.simd = simd && (s.kind != FILL_PIXELS || static_cast<int64_t>(s.sw) * s.sh < (int64_t{1} << 31));
+  return s;
+}
+
+// ---------------------------------------------------------------------------
+// Plain per-pixel code
+
+// Bilinear sample of a source, weighted by alpha, clamped to the edge. The
+// caller guarantees 0 <= x < W and 0 <= y < H.
+void sample_src(const shade& s, kvl_color* out, double x, double y) {
+  const double fx = x - 0.5, fy = y - 0.5;
+  const double flx = floor(fx), fly = floor(fy);
+  const double tx = fx - flx, ty = fy - fly;
+  const int32_t ix = static_cast<int32_t>(flx), iy = static_cast<int32_t>(fly);
+  const int32_t wl = s.sw - 1, hl = s.sh - 1;
+  const int32_t x0 = ix < 0 ? 0 : (ix > wl ? wl : ix);
+  const int32_t x1 = ix + 1 < 0 ? 0 : (ix + 1 > wl ? wl : ix + 1);
+  const int32_t y0 = iy < 0 ? 0 : (iy > hl ? hl : iy);
+  const int32_t y1 = iy + 1 < 0 ? 0 : (iy + 1 > hl ? hl : iy + 1);
+  const size_t w = static_cast<size_t>(s.sw);
+  const uint8_t* p00 = s.src + (static_cast<size_t>(y0) * w + static_cast<size_t>(x0)) * 4;
+  const uint8_t* p10 = s.src + (static_cast<size_t>(y0) * w + static_cast<size_t>(x1)) * 4;
+  const uint8_t* p01 = s.src + (static_cast<size_t>(y1) * w + static_cast<size_t>(x0)) * 4;
+  const uint8_t* p11 = s.src + (static_cast<size_t>(y1) * w + static_cast<size_t>(x1)) * 4;
+  const double w00 = (1.0 - tx) * (1.0 - ty), w10 = tx * (1.0 - ty);
+  const double w01 = (1.0 - tx) * ty, w11 = tx * ty;
+  const double a00 = p00[3], a10 = p10[3], a01 = p01[3], a11 = p11[3];
+  const double a = w00 * a00 + w10 * a10 + w01 * a01 + w11 * a11;
+  if (!(a > 0.0)) {
+    out->r = out->g = out->b = 0.0;
+    out->a = a;
+    return;
+  }
+  // Premultiplied filtering with a straight result: a transparent texel adds
+  // no colour of its own.
+  const double q00 = w00 / a, q10 = w10 / a, q01 = w01 / a, q11 = w11 / a;
+  out->r = q00 * p00[0] * a00 + q10 * p10[0] * a10 + q01 * p01[0] * a01 + q11 * p11[0] * a11;
+  out->g = q00 * p00[1] * a00 + q10 * p10[1] * a10 + q01 * p01[1] * a01 + q11 * p11[1] * a11;
+  out->b = q00 * p00[2] * a00 + q10 * p10[2] * a10 + q01 * p01[2] * a01 + q11 * p11[2] * a11;
+  out->a = a;
+}
+
+// The colour of a layer at surface point (u, v); false means nothing there.
+bool surface_color(const shade& s, kvl_color* out, double u, double v) {
+  double m = 1.0, e = 1.0;
+  if (s.ellipse) {
+    const double du = u / kSurfW - 0.5, dv = v / kSurfH - 0.5;
+    const double r = sqrt(du * du + dv * dv);
+    e = clamp01(360.5 - 720.0 * r);
+    if (e == 0.0) return false;
+  }
+  if (s.mask) {
+    const int32_t col = mask_index(u, 1279.0), row = mask_index(v, 719.0);
+    m = static_cast<double>(s.mask[static_cast<size_t>(row) * 1280 + static_cast<size_t>(col)]) * kInv255;
+    if (m == 0.0) return false;
+  }
+  const double cu = s.ic[0] * u + s.ic[1] * v + s.ic[2];
+  const double cv = s.ic[3] * u + s.ic[4] * v + s.ic[5];
+  if (!(cu >= 0.0 && cu < kSurfW && cv >= 0.0 && cv < kSurfH)) return false;
+  if (s.kind == FILL_SOLID) {
+    out->r = s.cr;
+    out->g = s.cg;
+    out->b = s.cb;
+    out->a = m * e * s.ca;
+  } else if (s.kind == FILL_PIXELS) {
+    const double sx = (cu - s.cover_ox) / s.cover_scale;
+    const double sy = (cv - s.cover_oy) / s.cover_scale;
+    if (!(sx >= 0.0 && sx < s.dsw && sy >= 0.0 && sy < s.dsh)) return false;
+    sample_src(s, out, sx, sy);
+    out->a = m * e * out->a;
+  } else {
+    out->r = out->g = out->b = 51.0;
+    out->a = 255.0 * m * e;
+  }
+  return out->a > 0.0;
+}
+
+// Puts one colour on one pixel: over an opaque pixel the plain mix, over a
+// transparent one (only private band buffers have those) straight-alpha over.
+void blend(uint8_t* px, const kvl_color& c, bool luma, double alpha) {
+  double t = alpha * kInv255 * c.a;
+  if (luma) {
+    const double y = clamp01((0.598 * c.r + 1.174 * c.g + 0.228 * c.b) * kInv255 - 0.04);
+    t = t * y;
+  }
+  if (!(t > 0.0)) return;
+  if (t > 1.0) t = 1.0;
+  const double da = static_cast<double>(px[3]) * kInv255;
+  if (da >= 1.0) {
+    px[0] = round_byte((1.0 - t) * px[0] + t * c.r);
+    px[1] = round_byte((1.0 - t) * px[1] + t * c.g);
+    px[2] = round_byte((1.0 - t) * px[2] + t * c.b);
+    return;
+  }
+  const double oa = t + da * (1.0 - t);
+  if (!(oa > 0.0)) return;
+  const double ws = t / oa, wd = da * (1.0 - t) / oa;
+  px[0] = round_byte(wd * px[0] + ws * c.r);
+  px[1] = round_byte(wd * px[1] + ws * c.g);
+  px[2] = round_byte(wd * px[2] + ws * c.b);
+  px[3] = round_byte(255.0 * oa);
+}
+
+// One pixel of a quad cell: (u, v) is kvl_h_apply of the cell's inverse at
+// the pixel's centre, written out here with the same operation order.
+inline void cell_pixel(const shade& s, const double* m, double cx, double cy, double alpha, uint8_t* px) {
+  const double w = (m[6] * cx + m[7] * cy) + m[8];
+  const double u = ((m[0] * cx + m[1] * cy) + m[2]) / w;
+  const double v = ((m[3] * cx + m[4] * cy) + m[5]) / w;
+  kvl_color c;
+  if (surface_color(s, &c, u, v)) blend(px, c, s.luma, alpha);
+}
+
+void cell_span_plain(const shade& s, const double* m, int32_t y, int32_t xa, int32_t xb, uint8_t* row) {
+  const double cy = y + 0.5;
+  for (int32_t x = xa; x < xb; x++) cell_pixel(s, m, x + 0.5, cy, s.opacity, row + 4 * static_cast<ptrdiff_t>(x));
+}
+
+void poly_span_plain(const shade& s, const kvl_prep* p, double v, int32_t xa, int32_t xb, const uint8_t* cov,
+                     uint8_t* row) {
+  const double k = kInv255 * s.opacity;
+  for (int32_t x = xa; x < xb; x++) {
+    const uint8_t c = cov[x - xa];
+    if (!c) continue;
+    const double u = (x + 0.5 - p->poly_ox) / p->poly_scale;
+    if (!(u >= 0.0 && u < kSurfW)) continue;
+    kvl_color col;
+    if (surface_color(s, &col, u, v)) blend(row + 4 * static_cast<ptrdiff_t>(x), col, s.luma, c * k);
+  }
+}
+
+void fx_span_plain(const kvl_color& col, bool luma, double k, const uint8_t* cov, int32_t n, uint8_t* row) {
+  for (int32_t i = 0; i < n; i++)
+    if (cov[i]) blend(row + 4 * static_cast<ptrdiff_t>(i), col, luma, cov[i] * k);
+}
+
+// Puts the non-empty pixels of a band row back on the frame.
+void reblend_span_plain(const uint8_t* band, uint8_t* row, int32_t n, bool luma, double opacity) {
+  for (int32_t i = 0; i < n; i++) {
+    const uint8_t* b = band + 4 * static_cast<ptrdiff_t>(i);
+    if (!b[3]) continue;
+    const kvl_color c = {static_cast<double>(b[0]), static_cast<double>(b[1]), static_cast<double>(b[2]),
+                         static_cast<double>(b[3])};
+    blend(row + 4 * static_cast<ptrdiff_t>(i), c, luma, opacity);
+  }
+}
+
+// ---------------------------------------------------------------------------
+// AVX2 kernels: four pixels at a time, the same doubles as the code above.
+
+#if KVL_X86
+
+KVL_AVX2_INLINE __m256d v_round(__m256d x) {
+  const __m256d t = _mm256_round_pd(x, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC);
+  const __m256d up = _mm256_cmp_pd(_mm256_sub_pd(x, t), _mm256_set1_pd(0.5), _CMP_GE_OQ);
+  return _mm256_add_pd(t, _mm256_and_pd(up, _mm256_set1_pd(1.0)));
+}
+
+KVL_AVX2_INLINE __m256d v_channel(__m128i px, int shift) {
+  return _mm256_cvtepi32_pd(_mm_and_si128(_mm_srli_epi32(px, shift), _mm_set1_epi32(255)));
+}
+
+KVL_AVX2_INLINE __m256d v_alpha(__m128i px) { return _mm256_cvtepi32_pd(_mm_srli_epi32(px, 24)); }
+
+KVL_AVX2_INLINE __m128i v_lane_mask(int bits) {
+  return _mm_set_epi32((bits & 8) ? -1 : 0, (bits & 4) ? -1 : 0, (bits & 2) ? -1 : 0, (bits & 1) ? -1 : 0);
+}
+
+// blend() for four pixels at px, with per-lane colour, alpha * 1/255 (aK) and
+// the lanes to touch.
+KVL_AVX2_INLINE void v_blend(uint8_t* px, __m256d cr, __m256d cg, __m256d cb, __m256d ca, __m256d aK, bool luma,
+                             __m256d act) {
+  const __m256d zero = _mm256_setzero_pd(), one = _mm256_set1_pd(1.0);
+  __m256d t = _mm256_mul_pd(aK, ca);
+  if (luma) {
+    __m256d y = _mm256_add_pd(_mm256_mul_pd(_mm256_set1_pd(0.598), cr), _mm256_mul_pd(_mm256_set1_pd(1.174), cg));
+    y = _mm256_add_pd(y, _mm256_mul_pd(_mm256_set1_pd(0.228), cb));
+    y = _mm256_sub_pd(_mm256_mul_pd(y, _mm256_set1_pd(kInv255)), _mm256_set1_pd(0.04));
+    y = _mm256_min_pd(_mm256_max_pd(y, zero), one);
+    t = _mm256_mul_pd(t, y);
+  }
+  act = _mm256_and_pd(act, _mm256_cmp_pd(t, zero, _CMP_GT_OQ));
+  int bits = _mm256_movemask_pd(act);
+  if (!bits) return;
+  t = _mm256_min_pd(t, one);
+  const __m128i old = _mm_loadu_si128(reinterpret_cast<const __m128i*>(px));
+  const __m256d dr = v_channel(old, 0), dg = v_channel(old, 8), db = v_channel(old, 16);
+  const __m128i olda = _mm_srli_epi32(old, 24);
+  const __m256d da = _mm256_mul_pd(_mm256_cvtepi32_pd(olda), _mm256_set1_pd(kInv255));
+  const __m256d opaque = _mm256_cmp_pd(da, one, _CMP_GE_OQ);
+  const __m256d omt = _mm256_sub_pd(one, t);
+  __m256d r = v_round(_mm256_add_pd(_mm256_mul_pd(omt, dr), _mm256_mul_pd(t, cr)));
+  __m256d g = v_round(_mm256_add_pd(_mm256_mul_pd(omt, dg), _mm256_mul_pd(t, cg)));
+  __m256d b = v_round(_mm256_add_pd(_mm256_mul_pd(omt, db), _mm256_mul_pd(t, cb)));
+  __m128i a = olda;
+  if ((_mm256_movemask_pd(opaque) & bits) != bits) {
+    const __m256d oa = _mm256_add_pd(t, _mm256_mul_pd(da, omt));
+    act = _mm256_and_pd(act, _mm256_or_pd(opaque, _mm256_cmp_pd(oa, zero, _CMP_GT_OQ)));
+    bits = _mm256_movemask_pd(act);
+    if (!bits) return;
+    const __m256d ws = _mm256_div_pd(t, oa), wd = _mm256_div_pd(_mm256_mul_pd(da, omt), oa);
+    const __m256d r2 = v_round(_mm256_add_pd(_mm256_mul_pd(wd, dr), _mm256_mul_pd(ws, cr)));
+    const __m256d g2 = v_round(_mm256_add_pd(_mm256_mul_pd(wd, dg), _mm256_mul_pd(ws, cg)));
+    const __m256d b2 = v_round(_mm256_add_pd(_mm256_mul_pd(wd, db), _mm256_mul_pd(ws, cb)));
+    const __m256d a2 = v_round(_mm256_mul_pd(_mm256_set1_pd(255.0), oa));
+    r = _mm256_blendv_pd(r2, r, opaque);
+    g = _mm256_blendv_pd(g2, g, opaque);
+    b = _mm256_blendv_pd(b2, b, opaque);
+    const __m128i op32 = _mm256_cvtpd_epi32(_mm256_and_pd(opaque, one));
+    a = _mm_blendv_epi8(_mm256_cvttpd_epi32(a2), olda, _mm_cmpgt_epi32(op32, _mm_setzero_si128()));
+  }
+  __m128i outv = _mm256_cvttpd_epi32(r);
+  outv = _mm_or_si128(outv, _mm_slli_epi32(_mm256_cvttpd_epi32(g), 8));
+  outv = _mm_or_si128(outv, _mm_slli_epi32(_mm256_cvttpd_epi32(b), 16));
+  outv = _mm_or_si128(outv, _mm_slli_epi32(a, 24));
+  if (bits != 15) outv = _mm_blendv_epi8(old, outv, v_lane_mask(bits));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(px), outv);
+}
+
+// sample_src() for four lanes; lanes outside `act` may hold anything, their
+// texel indices are clamped into the image all the same.
+KVL_AVX2_INLINE void v_sample(const shade& s, __m256d x, __m256d y, __m256d* r, __m256d* g, __m256d* b,
+                              __m256d* a) {
+  const __m256d one = _mm256_set1_pd(1.0), half = _mm256_set1_pd(0.5);
+  const __m256d fx = _mm256_sub_pd(x, half), fy = _mm256_sub_pd(y, half);
+  const __m256d flx = _mm256_floor_pd(fx), fly = _mm256_floor_pd(fy);
+  const __m256d tx = _mm256_sub_pd(fx, flx), ty = _mm256_sub_pd(fy, fly);
+  const __m128i ix = _mm256_cvttpd_epi32(flx), iy = _mm256_cvttpd_epi32(fly);
+  const __m128i zero = _mm_setzero_si128(), i1 = _mm_set1_epi32(1);
+  const __m128i wl = _mm_set1_epi32(s.sw - 1), hl = _mm_set1_epi32(s.sh - 1);
+  const __m128i x0 = _mm_min_epi32(_mm_max_epi32(ix, zero), wl);
+  const __m128i x1 = _mm_min_epi32(_mm_max_epi32(_mm_add_epi32(ix, i1), zero), wl);
+  const __m128i y0 = _mm_min_epi32(_mm_max_epi32(iy, zero), hl);
+  const __m128i y1 = _mm_min_epi32(_mm_max_epi32(_mm_add_epi32(iy, i1), zero), hl);
+  const __m128i w = _mm_set1_epi32(s.sw);
+  const __m128i r0 = _mm_mullo_epi32(y0, w), r1 = _mm_mullo_epi32(y1, w);
+  const int* base = reinterpret_cast<const int*>(s.src);
+  const __m128i t00 = _mm_i32gather_epi32(base, _mm_add_epi32(r0, x0), 4);
+  const __m128i t10 = _mm_i32gather_epi32(base, _mm_add_epi32(r0, x1), 4);
+  const __m128i t01 = _mm_i32gather_epi32(base, _mm_add_epi32(r1, x0), 4);
+  const __m128i t11 = _mm_i32gather_epi32(base, _mm_add_epi32(r1, x1), 4);
+  const __m256d omtx = _mm256_sub_pd(one, tx), omty = _mm256_sub_pd(one, ty);
+  const __m256d w00 = _mm256_mul_pd(omtx, omty), w10 = _mm256_mul_pd(tx, omty);
+  const __m256d w01 = _mm256_mul_pd(omtx, ty), w11 = _mm256_mul_pd(tx, ty);
+  const __m256d a00 = v_alpha(t00), a10 = v_alpha(t10), a01 = v_alpha(t01), a11 = v_alpha(t11);
+  __m256d sa = _mm256_add_pd(_mm256_mul_pd(w00, a00), _mm256_mul_pd(w10, a10));
+  sa = _mm256_add_pd(sa, _mm256_mul_pd(w01, a01));
+  sa = _mm256_add_pd(sa, _mm256_mul_pd(w11, a11));
+  *a = sa;
+  const __m256d q00 = _mm256_div_pd(w00, sa), q10 = _mm256_div_pd(w10, sa);
+  const __m256d q01 = _mm256_div_pd(w01, sa), q11 = _mm256_div_pd(w11, sa);
+  __m256d out[3];
+  for (int c = 0; c < 3; c++) {
+    const int sh = 8 * c;
+    __m256d acc = _mm256_add_pd(_mm256_mul_pd(_mm256_mul_pd(q00, v_channel(t00, sh)), a00),
+                                _mm256_mul_pd(_mm256_mul_pd(q10, v_channel(t10, sh)), a10));
+    acc = _mm256_add_pd(acc, _mm256_mul_pd(_mm256_mul_pd(q01, v_channel(t01, sh)), a01));
+    acc = _mm256_add_pd(acc, _mm256_mul_pd(_mm256_mul_pd(q11, v_channel(t11, sh)), a11));
+    out[c] = acc;
+  }
+  *r = out[0];
+  *g = out[1];
+  *b = out[2];
+}
+
+// surface_color() and blend() for four pixels.
+KVL_AVX2_INLINE void v_shade(const shade& s, __m256d u, __m256d v, __m256d aK, __m256d act, uint8_t* px) {
+  const __m256d zero = _mm256_setzero_pd(), one = _mm256_set1_pd(1.0);
+  __m256d m = one, e = one;
+  if (s.ellipse) {
+    const __m256d du = _mm256_sub_pd(_mm256_div_pd(u, _mm256_set1_pd(kSurfW)), _mm256_set1_pd(0.5));
+    const __m256d dv = _mm256_sub_pd(_mm256_div_pd(v, _mm256_set1_pd(kSurfH)), _mm256_set1_pd(0.5));
+    const __m256d r = _mm256_sqrt_pd(_mm256_add_pd(_mm256_mul_pd(du, du), _mm256_mul_pd(dv, dv)));
+    // NaN comes out as 0 here and as NaN in clamp01; either way the content
+    // test below refuses such a point.
+    e = _mm256_min_pd(_mm256_max_pd(_mm256_sub_pd(_mm256_set1_pd(360.5), _mm256_mul_pd(_mm256_set1_pd(720.0), r)),
+                                    zero),
+                      one);
+    act = _mm256_and_pd(act, _mm256_cmp_pd(e, zero, _CMP_NEQ_UQ));
+    if (!_mm256_movemask_pd(act)) return;
+  }
+  if (s.mask) {
+    const __m256d col = _mm256_min_pd(
+        _mm256_max_pd(_mm256_round_pd(u, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC), zero), _mm256_set1_pd(1279.0));
+    const __m256d row = _mm256_min_pd(
+        _mm256_max_pd(_mm256_round_pd(v, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC), zero), _mm256_set1_pd(719.0));
+    const __m128i idx =
+        _mm_add_epi32(_mm_mullo_epi32(_mm256_cvttpd_epi32(row), _mm_set1_epi32(1280)), _mm256_cvttpd_epi32(col));
+    alignas(16) int32_t ix[4];
+    _mm_store_si128(reinterpret_cast<__m128i*>(ix), idx);
+    const __m128i bytes = _mm_set_epi32(s.mask[ix[3]], s.mask[ix[2]], s.mask[ix[1]], s.mask[ix[0]]);
+    m = _mm256_mul_pd(_mm256_cvtepi32_pd(bytes), _mm256_set1_pd(kInv255));
+    act = _mm256_and_pd(act, _mm256_cmp_pd(m, zero, _CMP_NEQ_UQ));
+    if (!_mm256_movemask_pd(act)) return;
+  }
+  const __m256d cu = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(_mm256_set1_pd(s.ic[0]), u),
+                                                 _mm256_mul_pd(_mm256_set1_pd(s.ic[1]), v)),
+                                   _mm256_set1_pd(s.ic[2]));
+  const __m256d cv = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(_mm256_set1_pd(s.ic[3]), u),
+                                                 _mm256_mul_pd(_mm256_set1_pd(s.ic[4]), v)),
+                                   _mm256_set1_pd(s.ic[5]));
+  act = _mm256_and_pd(act, _mm256_cmp_pd(cu, zero, _CMP_GE_OQ));
+  act = _mm256_and_pd(act, _mm256_cmp_pd(cu, _mm256_set1_pd(kSurfW), _CMP_LT_OQ));
+  act = _mm256_and_pd(act, _mm256_cmp_pd(cv, zero, _CMP_GE_OQ));
+  act = _mm256_and_pd(act, _mm256_cmp_pd(cv, _mm256_set1_pd(kSurfH), _CMP_LT_OQ));
+  if (!_mm256_movemask_pd(act)) return;
+  __m256d cr, cg, cb, ca;
+  const __m256d me = _mm256_mul_pd(m, e);
+  if (s.kind == FILL_SOLID) {
+    cr = _mm256_set1_pd(s.cr);
+    cg = _mm256_set1_pd(s.cg);
+    cb = _mm256_set1_pd(s.cb);
+    ca = _mm256_mul_pd(me, _mm256_set1_pd(s.ca));
+  } else if (s.kind == FILL_PIXELS) {
+    const __m256d cs = _mm256_set1_pd(s.cover_scale);
+    const __m256d sx = _mm256_div_pd(_mm256_sub_pd(cu, _mm256_set1_pd(s.cover_ox)), cs);
+    const __m256d sy = _mm256_div_pd(_mm256_sub_pd(cv, _mm256_set1_pd(s.cover_oy)), cs);
+    act = _mm256_and_pd(act, _mm256_cmp_pd(sx, zero, _CMP_GE_OQ));
+    act = _mm256_and_pd(act, _mm256_cmp_pd(sx, _mm256_set1_pd(s.dsw), _CMP_LT_OQ));
+    act = _mm256_and_pd(act, _mm256_cmp_pd(sy, zero, _CMP_GE_OQ));
+    act = _mm256_and_pd(act, _mm256_cmp_pd(sy, _mm256_set1_pd(s.dsh), _CMP_LT_OQ));
+    if (!_mm256_movemask_pd(act)) return;
+    __m256d sa;
+    v_sample(s, sx, sy, &cr, &cg, &cb, &sa);
+    ca = _mm256_mul_pd(me, sa);
+  } else {
+    cr = cg = cb = _mm256_set1_pd(51.0);
+    ca = _mm256_mul_pd(_mm256_mul_pd(_mm256_set1_pd(255.0), m), e);
+  }
+  act = _mm256_and_pd(act, _mm256_cmp_pd(ca, zero, _CMP_GT_OQ));
+  v_blend(px, cr, cg, cb, ca, aK, s.luma, act);
+}
+
+KVL_AVX2 void cell_span_avx2(const shade& s, const double* m, int32_t y, int32_t xa, int32_t xb, uint8_t* row) {
+  const double cy = y + 0.5;
+  const __m256d m0 = _mm256_set1_pd(m[0]), m3 = _mm256_set1_pd(m[3]), m6 = _mm256_set1_pd(m[6]);
+  const __m256d m1cy = _mm256_set1_pd(m[1] * cy), m4cy = _mm256_set1_pd(m[4] * cy), m7cy = _mm256_set1_pd(m[7] * cy);
+  const __m256d m2 = _mm256_set1_pd(m[2]), m5 = _mm256_set1_pd(m[5]), m8 = _mm256_set1_pd(m[8]);
+  const __m256d aK = _mm256_set1_pd(s.opacity * kInv255);
+  const __m256d all = _mm256_castsi256_pd(_mm256_set1_epi64x(-1));
+  const __m128i lane = _mm_set_epi32(3, 2, 1, 0);
+  int32_t x = xa;
+  for (; x + 4 <= xb; x += 4) {
+    const __m256d cx =
+        _mm256_add_pd(_mm256_cvtepi32_pd(_mm_add_epi32(_mm_set1_epi32(x), lane)), _mm256_set1_pd(0.5));
+    const __m256d w = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(m6, cx), m7cy), m8);
+    const __m256d u = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(m0, cx), m1cy), m2), w);
+    const __m256d v = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(m3, cx), m4cy), m5), w);
+    v_shade(s, u, v, aK, all, row + 4 * static_cast<ptrdiff_t>(x));
+  }
+  for (; x < xb; x++) cell_pixel(s, m, x + 0.5, cy, s.opacity, row + 4 * static_cast<ptrdiff_t>(x));
+}
+
+KVL_AVX2 void poly_span_avx2(const shade& s, const kvl_prep* p, double v, int32_t xa, int32_t xb, const uint8_t* cov,
+                             uint8_t* row) {
+  const __m256d zero = _mm256_setzero_pd();
+  const __m256d ox = _mm256_set1_pd(p->poly_ox), sc = _mm256_set1_pd(p->poly_scale);
+  const __m256d k = _mm256_set1_pd(kInv255 * s.opacity), inv = _mm256_set1_pd(kInv255);
+  const __m256d vv = _mm256_set1_pd(v);
+  const __m128i lane = _mm_set_epi32(3, 2, 1, 0);
+  int32_t x = xa;
+  for (; x + 4 <= xb; x += 4) {
+    int32_t c4;
+    memcpy(&c4, cov + (x - xa), 4);
+    if (!c4) continue;
+    const __m256d c = _mm256_cvtepi32_pd(_mm_cvtepu8_epi32(_mm_cvtsi32_si128(c4)));
+    const __m256d cx =
+        _mm256_add_pd(_mm256_cvtepi32_pd(_mm_add_epi32(_mm_set1_epi32(x), lane)), _mm256_set1_pd(0.5));
+    const __m256d u = _mm256_div_pd(_mm256_sub_pd(cx, ox), sc);
+    __m256d act = _mm256_cmp_pd(c, zero, _CMP_NEQ_OQ);
+    act = _mm256_and_pd(act, _mm256_cmp_pd(u, zero, _CMP_GE_OQ));
+    act = _mm256_and_pd(act, _mm256_cmp_pd(u, _mm256_set1_pd(kSurfW), _CMP_LT_OQ));
+    if (!_mm256_movemask_pd(act)) continue;
+    v_shade(s, u, vv, _mm256_mul_pd(_mm256_mul_pd(c, k), inv), act, row + 4 * static_cast<ptrdiff_t>(x));
+  }
+  if (x < xb) poly_span_plain(s, p, v, x, xb, cov + (x - xa), row);
+}
+
+KVL_AVX2 void fx_span_avx2(const kvl_color& col, bool luma, double k, const uint8_t* cov, int32_t n, uint8_t* row) {
+  const __m256d zero = _mm256_setzero_pd();
+  const __m256d cr = _mm256_set1_pd(col.r), cg = _mm256_set1_pd(col.g), cb = _mm256_set1_pd(col.b);
+  const __m256d ca = _mm256_set1_pd(col.a), kk = _mm256_set1_pd(k), inv = _mm256_set1_pd(kInv255);
+  int32_t i = 0;
+  for (; i + 4 <= n; i += 4) {
+    int32_t c4;
+    memcpy(&c4, cov + i, 4);
+    if (!c4) continue;
+    const __m256d c = _mm256_cvtepi32_pd(_mm_cvtepu8_epi32(_mm_cvtsi32_si128(c4)));
+    const __m256d act = _mm256_cmp_pd(c, zero, _CMP_NEQ_OQ);
+    v_blend(row + 4 * static_cast<ptrdiff_t>(i), cr, cg, cb, ca, _mm256_mul_pd(_mm256_mul_pd(c, kk), inv), luma, act);
+  }
+  if (i < n) fx_span_plain(col, luma, k, cov + i, n - i, row + 4 * static_cast<ptrdiff_t>(i));
+}
+
+KVL_AVX2 void reblend_span_avx2(const uint8_t* band, uint8_t* row, int32_t n, bool luma, double opacity) {
+  const __m256d zero = _mm256_setzero_pd();
+  const __m256d aK = _mm256_set1_pd(opacity * kInv255);
+  int32_t i = 0;
+  for (; i + 4 <= n; i += 4) {
+    const __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(band + 4 * static_cast<ptrdiff_t>(i)));
+    if (_mm_testz_si128(b, _mm_set1_epi32(static_cast<int32_t>(0xFF000000u)))) continue;
+    const __m256d a = v_alpha(b);
+    v_blend(row + 4 * static_cast<ptrdiff_t>(i), v_channel(b, 0), v_channel(b, 8), v_channel(b, 16), a, aK, luma,
+            _mm256_cmp_pd(a, zero, _CMP_NEQ_OQ));
+  }
+  if (i < n) reblend_span_plain(band + 4 * static_cast<ptrdiff_t>(i), row + 4 * static_cast<ptrdiff_t>(i), n - i,
+                                luma, opacity);
+}
+
+bool cpu_has_avx2() {
+  static const bool has = __builtin_cpu_supports("avx2");
+  return has;
+}
+
+#else
+bool cpu_has_avx2() { return false; }
+#endif
+
+void cell_span(const shade& s, const double* m, int32_t y, int32_t xa, int32_t xb, uint8_t* row) {
+#if KVL_X86
+  if (s.simd) return cell_span_avx2(s, m, y, xa, xb, row);
+#endif
+  cell_span_plain(s, m, y, xa, xb, row);
+}
+
+// ---------------------------------------------------------------------------
+// Cell road
+
+// The edges of one cell, ready for the per-pixel tests.
+struct cell_edges {
+  double qx[4], qy[4], ex[4], ey[4];
+  double len[4];    // |e|
+  double reach[4];  // a sample 0.375 px from the centre cannot move d by this much
+  bool outer[4];
+  double o;
+  bool spans;  // the row interval search may be used
+};
+
+void setup_edges(const kvl_cell& cell, cell_edges* ce) {
+  const double* q = cell.quad;
+  const double cross = (q[2] - q[0]) * (q[5] - q[1]) - (q[3] - q[1]) * (q[4] - q[0]);
+  ce->o = cross >= 0.0 ? 1.0 : -1.0;
+  bool ok = true;
+  for (int k = 0; k < 4; k++) {
+    const int n = (k + 1) & 3;
+    ce->qx[k] = q[2 * k];
+    ce->qy[k] = q[2 * k + 1];
+    ce->ex[k] = q[2 * n] - q[2 * k];
+    ce->ey[k] = q[2 * n + 1] - q[2 * k + 1];
+    ce->len[k] = sqrt(ce->ex[k] * ce->ex[k] + ce->ey[k] * ce->ey[k]);
+    ce->reach[k] = 0.5 * (fabs(ce->ex[k]) + fabs(ce->ey[k]));
+    ce->outer[k] = cell.edge[k] == 1;
+    // Finite, moderate coordinates keep the rounding error of d far below
+    // the slack of `reach`; anything else takes the full test everywhere.
+    const double lim = 1099511627776.0, tiny = 3.054936363499605e-151;  // 2^40, 2^-500
+    if (!(fabs(ce->qx[k]) <= lim && fabs(ce->qy[k]) <= lim)) ok = false;
+    if (ce->ex[k] != 0.0 && !(fabs(ce->ex[k]) >= tiny)) ok = false;
+    if (ce->ey[k] != 0.0 && !(fabs(ce->ey[k]) >= tiny)) ok = false;
+  }
+  ce->spans = ok;
+}
+
+// Per-row values of the edge tests: ex (cy - qy) for the centre and for the
+// four sample rows.
+struct row_edges {
+  double a[4];
+  double as[4][4];  // [edge][sample row]
+};
+
+inline double edge_d(const cell_edges& ce, const row_edges& re, int k, int32_t x) {
+  return ce.o * (re.a[k] - ce.ey[k] * ((x + 0.5) - ce.qx[k]));
+}
+
+inline bool good_at(const cell_edges& ce, const row_edges& re, int k, int32_t x) {
+  const double d = edge_d(ce, re, k, x);
+  if (d < 0.0) return false;
+  return !(ce.outer[k] && ce.len[k] > 0.0 && fabs(d) / ce.len[k] < 0.75);
+}
+
+inline bool cand_at(const cell_edges& ce, const row_edges& re, int k, int32_t x) {
+  return edge_d(ce, re, k, x) >= -ce.reach[k];
+}
+
+// Coverage of a pixel by the full test: 1 inside and not near an outer edge,
+// 4x4 samples near one, 0 when the pixel is skipped.
+double pixel_coverage(const cell_edges& ce, const row_edges& re, int32_t x) {
+  bool inside = true, near = false;
+  for (int k = 0; k < 4; k++) {
+    const double d = edge_d(ce, re, k, x);
+    if (d < 0.0) inside = false;
+    if (ce.outer[k] && ce.len[k] > 0.0 && fabs(d) / ce.len[k] < 0.75) near = true;
+  }
+  if (!near) return inside ? 1.0 : 0.0;
+  int count = 0;
+  for (int i = 0; i < 4; i++) {
+    const double sx = (x + 0.125) + 0.25 * i;
+    double bs[4];
+    for (int k = 0; k < 4; k++) bs[k] = ce.ey[k] * (sx - ce.qx[k]);
+    for (int j = 0; j < 4; j++) {
+      bool in = true;
+      for (int k = 0; k < 4 && in; k++) {
+        const double d = ce.o * (re.as[k][j] - bs[k]);
+        in = d > 0.0 || (d == 0.0 && ce.outer[k]);
+      }
+      count += in;
+    }
+  }
+  return count / 16.0;
+}
+
+// Where a monotone test changes along a row: f is false on [.., r) and true on
+// [r, ..). The caller knows f(lo - 1) is false and f(hi) is true; the answer
+// is in [lo, hi]. The guess only saves steps.
+template <class F>
+int32_t first_true(int32_t lo, int32_t hi, double guess, F f) {
+  int64_t a = lo, b = hi;
+  int64_t g = (guess >= static_cast<double>(lo) && guess <= static_cast<double>(hi)) ? static_cast<int64_t>(guess) : lo;
+  int64_t step = 1;
+  if (f(static_cast<int32_t>(g))) {
+    b = g;
+    while (b - step >= a) {
+      const int64_t x = b - step;
+      if (!f(static_cast<int32_t>(x))) {
+        a = x + 1;
+        break;
+      }
+      b = x;
+      step *= 2;
+    }
+  } else {
+    a = g + 1;
+    while (a - 1 + step < b) {
+      const int64_t x = a - 1 + step;
+      if (f(static_cast<int32_t>(x))) {
+        b = x;
+        break;
+      }
+      a = x + 1;
+      step *= 2;
+    }
+  }
+  while (a < b) {
+    const int64_t mid = a + (b - a) / 2;
+    if (f(static_cast<int32_t>(mid)))
+      b = mid;
+    else
+      a = mid + 1;
+  }
+  return static_cast<int32_t>(a);
+}
+
+// Narrows [*lo, *hi) to the pixels where the monotone test f holds. `cross`
+// is where d reaches the test's threshold, a guess for the change.
+template <class F>
+void narrow(int32_t* lo, int32_t* hi, double cross, F f) {
+  if (*lo >= *hi) return;
+  const bool fl = f(*lo), fh = f(*hi - 1);
+  if (fl && fh) return;  // monotone: true all along
+  if (!fl && !fh) {
+    *hi = *lo;
+    return;
+  }
+  if (!fl) {
+    *lo = first_true(*lo + 1, *hi - 1, cross, f);
+  } else {
+    *hi = first_true(*lo + 1, *hi - 1, cross, [&](int32_t x) { return !f(x); });
+  }
+}
+
+void draw_cell(const shade& s, const kvl_cell& cell, const canvas& cv, int32_t y0, int32_t y1) {
+  const int32_t ya = cell.y0 > y0 ? cell.y0 : y0, yb = cell.y1 < y1 ? cell.y1 : y1;
+  const int32_t xa = cell.x0 > 0 ? cell.x0 : 0, xb = cell.x1 < cv.width ? cell.x1 : cv.width;
+  if (ya >= yb || xa >= xb) return;
+  cell_edges ce;
+  setup_edges(cell, &ce);
+  const double* m = cell.inv.m;
+  for (int32_t y = ya; y < yb; y++) {
+    uint8_t* row = cv.row(y);
+    const double cy = y + 0.5;
+    row_edges re;
+    for (int k = 0; k < 4; k++) {
+      re.a[k] = ce.ex[k] * (cy - ce.qy[k]);
+      for (int j = 0; j < 4; j++) re.as[k][j] = ce.ex[k] * (((y + 0.125) + 0.25 * j) - ce.qy[k]);
+    }
+    // [sa, sb): pixels that can have any coverage; [ga, gb): inside and
+    // not near, coverage 1 without samples. The rest of the box draws nothing.
+    int32_t sa = xa, sb = xb, ga = xa, gb = xb;
+    if (ce.spans) {
+      for (int k = 0; k < 4; k++) {
+        // x where o (A - ey (x + 0.5 - qx)) equals a threshold t.
+        auto at = [&](double t) { return ce.qx[k] - 0.5 + (re.a[k] - ce.o * t) / ce.ey[k]; };
+        narrow(&sa, &sb, at(-ce.reach[k]), [&](int32_t x) { return cand_at(ce, re, k, x); });
+        narrow(&ga, &gb, at(ce.outer[k] ? 0.75 * ce.len[k] : 0.0), [&](int32_t x) { return good_at(ce, re, k, x); });
+      }
+    } else {
+      ga = gb = xb;
+    }
+    if (ga >= gb) ga = gb = sb;
+    for (int32_t x = sa; x < ga; x++) {
+      const double c = pixel_coverage(ce, re, x);
+      if (c > 0.0) cell_pixel(s, m, x + 0.5, cy, s.opacity * c, row + 4 * static_cast<ptrdiff_t>(x));
+    }
+    if (ga < gb) cell_span(s, m, y, ga, gb, row);
+    for (int32_t x = gb > sa ? gb : sa; x < sb; x++) {
+      const double c = pixel_coverage(ce, re, x);
+      if (c > 0.0) cell_pixel(s, m, x + 0.5, cy, s.opacity * c, row + 4 * static_cast<ptrdiff_t>(x));
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Polygon road, effects, layers
+
+void draw_polygon(const shade& s, const kvl_prep* p, const canvas& cv, int32_t y0, int32_t y1) {
+  if (!p->poly_mask || p->box_w < 1 || p->box_h < 1) return;
+  int32_t ya = p->box_y > y0 ? p->box_y : y0;
+  const int64_t bend = static_cast<int64_t>(p->box_y) + p->box_h;
+  const int32_t yb = bend < y1 ? static_cast<int32_t>(bend) : y1;
+  if (ya < 0) ya = 0;
+  const int64_t xend = static_cast<int64_t>(p->box_x) + p->box_w;
+  const int32_t xa = p->box_x > 0 ? p->box_x : 0;
+  const int32_t xb = xend < cv.width ? static_cast<int32_t>(xend) : cv.width;
+  if (xa >= xb) return;
+  for (int32_t y = ya; y < yb; y++) {
+    const double v = (y + 0.5 - p->poly_oy) / p->poly_scale;
+    if (!(v >= 0.0 && v < kSurfH)) continue;
+    const uint8_t* cov =
+        p->poly_mask + static_cast<size_t>(y - p->box_y) * static_cast<size_t>(p->box_w) + (xa - p->box_x);
+    uint8_t* row = cv.row(y);
+#if KVL_X86
+    if (s.simd) {
+      poly_span_avx2(s, p, v, xa, xb, cov, row);
+      continue;
+    }
+#endif
+    poly_span_plain(s, p, v, xa, xb, cov, row);
+  }
+}
+
+void raster_fx(const kvl_prep* p, const kvl_fx& fx, const canvas& cv, int32_t y0, int32_t y1, double opacity,
+               bool luma, bool simd) {
+  (void)p;
+  if (!fx.mask || fx.w < 1 || fx.h < 1) return;
+  const kvl_color col = argb_color(fx.argb);
+  const double k = kInv255 * opacity;
+  int32_t ya = fx.y > y0 ? fx.y : y0;
+  if (ya < 0) ya = 0;
+  const int64_t fend = static_cast<int64_t>(fx.y) + fx.h;
+  const int32_t yb = fend < y1 ? static_cast<int32_t>(fend) : y1;
+  const int32_t ca = fx.x < 0 ? -fx.x : 0;
+  const int64_t cend = static_cast<int64_t>(cv.width) - fx.x;
+  const int32_t cb = cend < fx.w ? static_cast<int32_t>(cend) : fx.w;
+  if (ca >= cb) return;
+  for (int32_t y = ya; y < yb; y++) {
+    const uint8_t* cov = fx.mask + static_cast<size_t>(y - fx.y) * static_cast<size_t>(fx.w) + ca;
+    uint8_t* row = cv.row(y) + 4 * (static_cast<ptrdiff_t>(fx.x) + ca);
+#if KVL_X86
+    if (simd) {
+      fx_span_avx2(col, luma, k, cov, cb - ca, row);
+      continue;
+    }
+#endif
+    fx_span_plain(col, luma, k, cov, cb - ca, row);
+  }
+}
+
+// One layer over rows y0..y1, with the given opacity and luma flag (a private
+// band buffer gets 1 and false).
+void draw_layer(const kvl_prep* p, const canvas& cv, int32_t y0, int32_t y1, double opacity, bool luma, bool simd) {
+  const shade s = make_shade(p, opacity, luma, simd);
+  const int32_t nb = p->behind_count < 0 ? 0 : (p->behind_count > 2 ? 2 : p->behind_count);
+  const int32_t nf = p->front_count < 0 ? 0 : (p->front_count > 3 ? 3 : p->front_count);
+  for (int32_t i = 0; i < nb; i++) raster_fx(p, p->behind[i], cv, y0, y1, opacity, luma, simd);
+  if (p->polygon) {
+    draw_polygon(s, p, cv, y0, y1);
+  } else if (p->cells) {
+    for (int32_t i = 0; i < p->cell_count; i++) draw_cell(s, p->cells[i], cv, y0, y1);
+  }
+  for (int32_t i = 0; i < nf; i++) raster_fx(p, p->front[i], cv, y0, y1, opacity, luma, simd);
+}
+
+// The rectangle a layer can touch within a band: the union of its cell, body
+// and effect boxes. Nothing outside it is written.
+struct rect {
+  int32_t x0, y0, x1, y1;
+};
+
+void grow(rect* r, int64_t x0, int64_t y0, int64_t x1, int64_t y1) {
+  if (x0 >= x1 || y0 >= y1) return;
+  if (r->x0 >= r->x1) {
+    r->x0 = static_cast<int32_t>(x0 < INT32_MIN ? INT32_MIN : x0);
+    r->y0 = static_cast<int32_t>(y0 < INT32_MIN ? INT32_MIN : y0);
+    r->x1 = static_cast<int32_t>(x1 > INT32_MAX ? INT32_MAX : x1);
+    r->y1 = static_cast<int32_t>(y1 > INT32_MAX ? INT32_MAX : y1);
+    return;
+  }
+  if (x0 < r->x0) r->x0 = static_cast<int32_t>(x0 < INT32_MIN ? INT32_MIN : x0);
+  if (y0 < r->y0) r->y0 = static_cast<int32_t>(y0 < INT32_MIN ? INT32_MIN : y0);
+  if (x1 > r->x1) r->x1 = static_cast<int32_t>(x1 > INT32_MAX ? INT32_MAX : x1);
+  if (y1 > r->y1) r->y1 = static_cast<int32_t>(y1 > INT32_MAX ? INT32_MAX : y1);
+}
+
+rect layer_bounds(const kvl_prep* p, int32_t width, int32_t y0, int32_t y1) {
+  rect r = {0, 0, 0, 0};
+  auto fx_box = [&](const kvl_fx& f) {
+    if (f.mask) grow(&r, f.x, f.y, static_cast<int64_t>(f.x) + f.w, static_cast<int64_t>(f.y) + f.h);
+  };
+  const int32_t nb = p->behind_count < 0 ? 0 : (p->behind_count > 2 ? 2 : p->behind_count);
+  const int32_t nf = p->front_count < 0 ? 0 : (p->front_count > 3 ? 3 : p->front_count);
+  for (int32_t i = 0; i < nb; i++) fx_box(p->behind[i]);
+  for (int32_t i = 0; i < nf; i++) fx_box(p->front[i]);
+  if (p->polygon) {
+    if (p->poly_mask)
+      grow(&r, p->box_x, p->box_y, static_cast<int64_t>(p->box_x) + p->box_w,
+           static_cast<int64_t>(p->box_y) + p->box_h);
+  } else if (p->cells) {
+    for (int32_t i = 0; i < p->cell_count; i++) {
+      const kvl_cell& c = p->cells[i];
+      grow(&r, c.x0, c.y0, c.x1, c.y1);
+    }
+  }
+  if (r.x0 < 0) r.x0 = 0;
+  if (r.x1 > width) r.x1 = width;
+  if (r.y0 < y0) r.y0 = y0;
+  if (r.y1 > y1) r.y1 = y1;
+  return r;
+}
+
+void run_job(kvl_job* job) {
+  if (job->y0 >= job->y1) return;
+  const canvas frame = {job->pixels + static_cast<ptrdiff_t>(job->y0) * job->stride, job->stride, job->y0, job->width};
+  uint8_t* band = nullptr;
+  for (int32_t i = 0; i < job->count; i++) {
+    const kvl_prep* p = &job->layers[i];
+    if (!p->isolate) {
+      draw_layer(p, frame, job->y0, job->y1, p->opacity, p->luma, job->simd);
+      continue;
+    }
+    // The layer and its effects are drawn into a zeroed private buffer and
+    // then faded or keyed as one whole, so a shadow does not show through
+    // the body. Only the layer's bounds are cleared and read back: nothing
+    // outside them is ever written.
+    const rect r = layer_bounds(p, job->width, job->y0, job->y1);
+    if (r.x0 >= r.x1 || r.y0 >= r.y1) continue;
+    if (!band) {
+      band = static_cast<uint8_t*>(malloc(static_cast<size_t>(job->y1 - job->y0) * static_cast<size_t>(job->stride)));
+      if (!band) continue;
+    }
+    const canvas priv = {band, job->stride, job->y0, job->width};
+    for (int32_t y = r.y0; y < r.y1; y++)
+      memset(priv.row(y) + 4 * static_cast<ptrdiff_t>(r.x0), 0, 4 * static_cast<size_t>(r.x1 - r.x0));
+    draw_layer(p, priv, r.y0, r.y1, 1.0, false, job->simd);
+    for (int32_t y = r.y0; y < r.y1; y++) {
+      const uint8_t* src = priv.row(y) + 4 * static_cast<ptrdiff_t>(r.x0);
+      uint8_t* dst = frame.row(y) + 4 * static_cast<ptrdiff_t>(r.x0);
+#if KVL_X86
+      if (job->simd) {
+        reblend_span_avx2(src, dst, r.x1 - r.x0, p->luma, p->opacity);
+        continue;
+      }
+#endif
+      reblend_span_plain(src, dst, r.x1 - r.x0, p->luma, p->opacity);
+    }
+  }
+  free(band);
+}
+
+void* job_thread(void* arg) {
+  run_job(static_cast<kvl_job*>(arg));
+  return nullptr;
+}
+
+// Draws prepared layers into a frame whose background is already set.
+void composite(const kvl_prep* layers, int32_t count, uint8_t* pixels, int32_t width, int32_t height, int32_t stride,
+               int32_t threads, bool simd) {
+  if (height < 1) return;
+  int32_t jobs = threads < 1 ? 1 : threads;
+  if (jobs > height) jobs = height;
+  if (jobs > kMaxJobs) jobs = kMaxJobs;
+  const int32_t rows = (height + jobs - 1) / jobs;
+  kvl_job job[kMaxJobs];
+  for (int32_t i = 0; i < jobs; i++) {
+    const int64_t a = static_cast<int64_t>(i) * rows, b = a + rows;
+    job[i].layers = layers;
+    job[i].count = count;
+    job[i].pixels = pixels;
+    job[i].width = width;
+    job[i].stride = stride;
+    job[i].y0 = static_cast<int32_t>(a < height ? a : height);
+    job[i].y1 = static_cast<int32_t>(b < height ? b : height);
+    job[i].simd = simd;
+  }
+  if (jobs == 1) {
+    run_job(&job[0]);
+    return;
+  }
+  pthread_t tid[kMaxJobs];
+  bool started[kMaxJobs];
+  for (int32_t i = 0; i < jobs; i++) started[i] = pthread_create(&tid[i], nullptr, job_thread, &job[i]) == 0;
+  for (int32_t i = 0; i < jobs; i++)
+    if (started[i]) pthread_join(tid[i], nullptr);
+  // A band whose thread could not be created is drawn here, so that the
+  // picture stays whole.
+  for (int32_t i = 0; i < jobs; i++)
+    if (!started[i]) run_job(&job[i]);
+}
+
+void fill_background(uint8_t* pixels, int32_t width, int32_t height, int32_t stride) {
+  if (width < 1) return;
+  static const uint8_t opaque_black[4] = {0, 0, 0, 255};
+  for (int32_t y = 0; y < height; y++) {
+    uint8_t* row = pixels + static_cast<ptrdiff_t>(y) * stride;
+    for (int32_t x = 0; x < width; x++) memcpy(row + 4 * static_cast<ptrdiff_t>(x), opaque_black, 4);
+  }
+}
+
+}  // namespace
+
+void kvl_render_frame(const kvl_resolved* resolved, int32_t count, const kvl_sources* sources, uint8_t* pixels,
+                      int32_t width, int32_t height, int32_t stride, int32_t threads, kvl_cache* cache) {
+  if (!pixels) return;
+  fill_background(pixels, width, height, stride);
+  if (!resolved || count < 0) count = 0;
+  auto* preps = static_cast<kvl_prep*>(calloc(count > 0 ? static_cast<size_t>(count) : 1, sizeof(kvl_prep)));
+  if (!preps) return;
+  int32_t n = 0;
+  for (int32_t i = 0; i < count; i++) {
+    if (kvl_prepare(&preps[n], &resolved[i], sources, width, height, cache))
+      n++;
+    else
+      kvl_prep_free(&preps[n]);
+  }
+  composite(preps, n, pixels, width, height, stride, threads, cpu_has_avx2());
+  for (int32_t i = 0; i < n; i++) kvl_prep_free(&preps[i]);
+  free(preps);
+}

@@ -1,0 +1,435 @@
+// Frame cache (budget, eviction by age, ownership of buffers), the key hash,
+// the sources table and the YUV conversions.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "kavlen/kavlen_engine.h"
+
+namespace {
+
+uint8_t* block(uint64_t size, uint8_t fill = 0) {
+  uint8_t* p = (uint8_t*)malloc(size ? size : 1);
+  memset(p, fill, size ? size : 1);
+  return p;
+}
+
+struct CacheHandle {
+  kvl_cache* c;
+  explicit CacheHandle(uint64_t budget) : c(kvl_cache_create(budget)) {}
+  ~CacheHandle() { kvl_cache_free(c); }
+  // Puts a fresh buffer; returns whether the cache kept it (frees it if not).
+  bool put(uint64_t key, uint64_t size) {
+    bool stored = false;
+    uint8_t* p = kvl_cache_put(c, key, block(size, (uint8_t)key), size, &stored);
+    if (!stored) free(p);
+    return stored;
+  }
+  bool has(uint64_t key) {
+    for (int32_t i = 0; i < c->count; i++)
+      if (c->entries[i].key == key) return true;
+    return false;
+  }
+};
+
+// ---------------------------------------------------------------------------
+// Hash
+
+TEST(Cache, HashStartValueAndChaining) {
+  EXPECT_EQ(kvl_hash(0, "", 0), 0x14650FB0739D0383ull);
+  EXPECT_EQ(kvl_hash(0, nullptr, 0), 0x14650FB0739D0383ull);
+  EXPECT_EQ(kvl_hash(7, "", 0), 7u);
+  // Reference values worked out independently of this code.
+  EXPECT_EQ(kvl_hash(0, "a", 1), 0x44bd8ad473cd9906ull);
+  EXPECT_EQ(kvl_hash(0, "kavlen", 6), 0x5829038351b3d6a6ull);
+  EXPECT_EQ(kvl_hash(kvl_hash(0, "kav", 3), "len", 3), kvl_hash(0, "kavlen", 6));
+  EXPECT_NE(kvl_hash(1, "kavlen", 6), kvl_hash(0, "kavlen", 6));
+}
+
+// ---------------------------------------------------------------------------
+// Frame cache
+
+TEST(Cache, CreateAndNullHandles) {
+  CacheHandle d(0);
+  ASSERT_NE(d.c, nullptr);
+  EXPECT_EQ(d.c->byte_budget, 100663296u);
+  EXPECT_EQ(d.c->count, 0);
+  CacheHandle small(1000);
+  EXPECT_EQ(small.c->byte_budget, 1000u);
+
+  kvl_cache_free(nullptr);
+  kvl_cache_begin_frame(nullptr);
+  uint64_t size = 5;
+  EXPECT_EQ(kvl_cache_get(nullptr, 1, &size), nullptr);
+  uint8_t* p = block(4);
+  bool stored = true;
+  EXPECT_EQ(kvl_cache_put(nullptr, 1, p, 4, &stored), p);
+  EXPECT_FALSE(stored);
+  free(p);
+}
+
+TEST(Cache, GetCountsHitsAndMisses) {
+  CacheHandle h(0);
+  uint64_t size = 99;
+  EXPECT_EQ(kvl_cache_get(h.c, 42, &size), nullptr);
+  EXPECT_EQ(h.c->misses, 1u);
+  EXPECT_EQ(size, 99u);  // untouched on a miss
+
+  uint8_t* p = block(16, 3);
+  bool stored = false;
+  EXPECT_EQ(kvl_cache_put(h.c, 42, p, 16, &stored), p);
+  EXPECT_TRUE(stored);
+  EXPECT_EQ(h.c->bytes_used, 16u);
+  kvl_cache_begin_frame(h.c);
+  kvl_cache_begin_frame(h.c);
+  EXPECT_EQ(kvl_cache_get(h.c, 42, &size), p);
+  EXPECT_EQ(kvl_cache_get(h.c, 42, nullptr), p);
+  EXPECT_EQ(size, 16u);
+  EXPECT_EQ(h.c->hits, 2u);
+  EXPECT_EQ(h.c->entries[0].last_used, 2u);  // a hit touches the entry
+}
+
+TEST(Cache, DuplicateKeyNewcomerLoses) {
+  CacheHandle h(0);
+  uint8_t* first = block(32, 1);
+  bool stored = false;
+  ASSERT_EQ(kvl_cache_put(h.c, 5, first, 32, &stored), first);
+  kvl_cache_begin_frame(h.c);
+  uint8_t* second = block(32, 2);
+  stored = false;
+  // The second buffer is freed at once (a leak or double free shows under
+  // the sanitizers); both callers now hold the first.
+  EXPECT_EQ(kvl_cache_put(h.c, 5, second, 32, &stored), first);
+  EXPECT_TRUE(stored);
+  EXPECT_EQ(h.c->count, 1);
+  EXPECT_EQ(h.c->bytes_used, 32u);
+  EXPECT_EQ(h.c->entries[0].last_used, 1u);
+  EXPECT_EQ(first[0], 1);
+}
+
+TEST(Cache, BudgetBoundaries) {
+  CacheHandle exact(100);
+  EXPECT_TRUE(exact.put(1, 100));
+  EXPECT_EQ(exact.c->bytes_used, 100u);
+
+  CacheHandle over(100);
+  uint8_t* p = block(101);
+  bool stored = true;
+  EXPECT_EQ(kvl_cache_put(over.c, 1, p, 101, &stored), p);
+  EXPECT_FALSE(stored);
+  EXPECT_EQ(over.c->count, 0);
+  EXPECT_EQ(over.c->bytes_used, 0u);
+  free(p);
+}
+
+TEST(Cache, CurrentFrameIsNeverEvicted) {
+  CacheHandle h(100);
+  ASSERT_TRUE(h.put(1, 40));
+  ASSERT_TRUE(h.put(2, 40));
+  // No room and everything was touched this frame: the newcomer stays out.
+  EXPECT_FALSE(h.put(3, 40));
+  EXPECT_EQ(h.c->count, 2);
+  EXPECT_EQ(h.c->bytes_used, 80u);
+  EXPECT_TRUE(h.put(4, 20));  // what fits still goes in
+
+  // One frame later the same entries are candidates, oldest first.
+  kvl_cache_begin_frame(h.c);
+  EXPECT_TRUE(h.put(3, 40));
+  EXPECT_FALSE(h.has(1));
+  EXPECT_TRUE(h.has(2));
+  EXPECT_TRUE(h.has(3));
+  EXPECT_TRUE(h.has(4));
+  EXPECT_EQ(h.c->bytes_used, 100u);
+}
+
+TEST(Cache, EvictsOldestFirstWithSwapRemove) {
+  CacheHandle h(100);
+  ASSERT_TRUE(h.put(1, 25));  // frame 0
+  kvl_cache_begin_frame(h.c);
+  ASSERT_TRUE(h.put(2, 25));  // frame 1
+  ASSERT_TRUE(h.put(3, 25));  // frame 1
+  kvl_cache_begin_frame(h.c);
+  ASSERT_TRUE(h.put(4, 25));  // frame 2
+  EXPECT_NE(kvl_cache_get(h.c, 1, nullptr), nullptr);  // 1 is now the newest
+
+  kvl_cache_begin_frame(h.c);
+  // Needs one slot: among the oldest (2 and 3, both frame 1) the first in
+  // the table goes, and the last entry moves into its slot.
+  ASSERT_TRUE(h.put(5, 25));
+  EXPECT_FALSE(h.has(2));
+  ASSERT_EQ(h.c->count, 4);
+  EXPECT_EQ(h.c->entries[1].key, 4u);
+  EXPECT_EQ(h.c->entries[3].key, 5u);
+  EXPECT_NE(kvl_cache_get(h.c, 1, nullptr), nullptr);  // 1 joins frame 3
+
+  // Needs two slots at once: 3 (frame 1) then 4 (frame 2) go; 1 and 5 stay.
+  kvl_cache_begin_frame(h.c);
+  ASSERT_TRUE(h.put(6, 50));
+  EXPECT_FALSE(h.has(3));
+  EXPECT_FALSE(h.has(4));
+  EXPECT_TRUE(h.has(1));
+  EXPECT_TRUE(h.has(5));
+  EXPECT_TRUE(h.has(6));
+  EXPECT_EQ(h.c->bytes_used, 100u);
+}
+
+TEST(Cache, EvictionStopsWhenOnlyCurrentEntriesRemain) {
+  CacheHandle h(100);
+  ASSERT_TRUE(h.put(1, 30));
+  kvl_cache_begin_frame(h.c);
+  ASSERT_TRUE(h.put(2, 60));
+  // 1 is evicted to make room, but 2 belongs to this frame: 80 bytes cannot
+  // fit next to it, so the buffer stays with the caller after all.
+  EXPECT_FALSE(h.put(3, 80));
+  EXPECT_FALSE(h.has(1));
+  EXPECT_TRUE(h.has(2));
+  EXPECT_EQ(h.c->bytes_used, 60u);
+}
+
+TEST(Cache, CapacityStartsAt32ThenDoubles) {
+  CacheHandle h(0);
+  for (uint64_t k = 0; k < 32; k++) ASSERT_TRUE(h.put(k + 1, 8));
+  EXPECT_EQ(h.c->capacity, 32);
+  ASSERT_TRUE(h.put(100, 8));
+  EXPECT_EQ(h.c->capacity, 64);
+  EXPECT_EQ(h.c->count, 33);
+  for (uint64_t k = 0; k < 32; k++) {
+    uint64_t size = 0;
+    uint8_t* p = kvl_cache_get(h.c, k + 1, &size);
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(p[0], (uint8_t)(k + 1));
+    EXPECT_EQ(size, 8u);
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Sources
+
+std::vector<uint8_t> image(int w, int h, int stride, uint8_t seed) {
+  std::vector<uint8_t> v((size_t)stride * h, 0xEE);
+  for (int y = 0; y < h; y++)
+    for (int x = 0; x < w * 4; x++) v[(size_t)y * stride + x] = (uint8_t)(seed + y * 31 + x);
+  return v;
+}
+
+struct SourcesHandle {
+  kvl_sources s{};
+  ~SourcesHandle() { kvl_sources_free(&s); }
+};
+
+TEST(Sources, SetCopiesRowsByStride) {
+  SourcesHandle t;
+  auto img = image(3, 2, 20, 1);  // 12 bytes of pixels, 8 of padding a row
+  ASSERT_EQ(kvl_sources_set(&t.s, "a.png", img.data(), 3, 2, 20), 0);
+  ASSERT_EQ(t.s.count, 1);
+  const kvl_source& e = t.s.entries[0];
+  EXPECT_STREQ(e.key, "a.png");
+  EXPECT_EQ(e.width, 3);
+  EXPECT_EQ(e.height, 2);
+  ASSERT_NE(e.pixels, nullptr);
+  EXPECT_EQ(memcmp(e.pixels, img.data(), 12), 0);
+  EXPECT_EQ(memcmp(e.pixels + 12, img.data() + 20, 12), 0);
+}
+
+TEST(Sources, SetSameSizeOverwritesInPlaceNewSizeReplaces) {
+  SourcesHandle t;
+  auto a = image(4, 4, 16, 1), b = image(4, 4, 16, 9), c = image(2, 5, 8, 50);
+  ASSERT_EQ(kvl_sources_set(&t.s, "k", a.data(), 4, 4, 16), 0);
+  uint8_t* first = t.s.entries[0].pixels;
+  ASSERT_EQ(kvl_sources_set(&t.s, "k", b.data(), 4, 4, 16), 0);
+  EXPECT_EQ(t.s.entries[0].pixels, first);
+  EXPECT_EQ(memcmp(first, b.data(), 64), 0);
+  ASSERT_EQ(kvl_sources_set(&t.s, "k", c.data(), 2, 5, 8), 0);
+  EXPECT_EQ(t.s.count, 1);
+  EXPECT_EQ(t.s.entries[0].width, 2);
+  EXPECT_EQ(t.s.entries[0].height, 5);
+  EXPECT_EQ(memcmp(t.s.entries[0].pixels, c.data(), 40), 0);
+}
+
+TEST(Sources, DeclareKeepsOrDropsPixels) {
+  SourcesHandle t;
+  auto a = image(4, 3, 16, 1);
+  ASSERT_EQ(kvl_sources_set(&t.s, "v.mp4", a.data(), 4, 3, 16), 0);
+  uint8_t* px = t.s.entries[0].pixels;
+  ASSERT_EQ(kvl_sources_declare(&t.s, "v.mp4", 4, 3), 0);
+  EXPECT_EQ(t.s.entries[0].pixels, px);
+  EXPECT_EQ(memcmp(px, a.data(), 48), 0);
+  ASSERT_EQ(kvl_sources_declare(&t.s, "v.mp4", 1920, 1080), 0);
+  EXPECT_EQ(t.s.entries[0].pixels, nullptr);
+  EXPECT_EQ(t.s.entries[0].width, 1920);
+  EXPECT_EQ(t.s.entries[0].height, 1080);
+
+  // A new declaration has a size and no pixels; a later set fills it.
+  ASSERT_EQ(kvl_sources_declare(&t.s, "w.mp4", 2, 2), 0);
+  ASSERT_EQ(t.s.count, 2);
+  EXPECT_EQ(t.s.entries[1].pixels, nullptr);
+  EXPECT_EQ(t.s.entries[1].width, 2);
+  auto b = image(2, 2, 8, 4);
+  ASSERT_EQ(kvl_sources_set(&t.s, "w.mp4", b.data(), 2, 2, 8), 0);
+  ASSERT_NE(t.s.entries[1].pixels, nullptr);
+  EXPECT_EQ(memcmp(t.s.entries[1].pixels, b.data(), 16), 0);
+}
+
+TEST(Sources, KeysMatchExactlyAndTableGrowsByOne) {
+  SourcesHandle t;
+  auto a = image(1, 1, 4, 0);
+  for (const char* k : {"a", "A", "a ", "assets/a", "text:a"}) ASSERT_EQ(kvl_sources_set(&t.s, k, a.data(), 1, 1, 4), 0);
+  EXPECT_EQ(t.s.count, 5);
+  ASSERT_EQ(kvl_sources_declare(&t.s, "a", 1, 1), 0);
+  EXPECT_EQ(t.s.count, 5);
+  // The table owns its copy of the key.
+  char key[] = "tmp";
+  ASSERT_EQ(kvl_sources_declare(&t.s, key, 3, 3), 0);
+  key[0] = 'X';
+  EXPECT_STREQ(t.s.entries[5].key, "tmp");
+}
+
+TEST(Sources, BadArgumentsAndFree) {
+  SourcesHandle t;
+  auto a = image(2, 2, 8, 0);
+  EXPECT_EQ(kvl_sources_set(&t.s, nullptr, a.data(), 2, 2, 8), -1);
+  EXPECT_EQ(kvl_sources_set(&t.s, "k", nullptr, 2, 2, 8), -1);
+  EXPECT_EQ(kvl_sources_set(&t.s, "k", a.data(), 0, 2, 8), -1);
+  EXPECT_EQ(kvl_sources_set(&t.s, "k", a.data(), 2, -1, 8), -1);
+  EXPECT_EQ(kvl_sources_set(nullptr, "k", a.data(), 2, 2, 8), -1);
+  EXPECT_EQ(kvl_sources_declare(&t.s, nullptr, 2, 2), -1);
+  EXPECT_EQ(kvl_sources_declare(&t.s, "k", 2, 0), -1);
+  EXPECT_EQ(t.s.count, 0);
+
+  ASSERT_EQ(kvl_sources_set(&t.s, "k", a.data(), 2, 2, 8), 0);
+  kvl_sources_free(&t.s);
+  EXPECT_EQ(t.s.count, 0);
+  EXPECT_EQ(t.s.entries, nullptr);
+  kvl_sources_free(&t.s);  // twice is harmless
+  kvl_sources_free(nullptr);
+}
+
+// ---------------------------------------------------------------------------
+// YUV
+
+struct Rgba {
+  uint8_t r, g, b, a;
+};
+
+Rgba yuv_pixel(uint8_t y, uint8_t u, uint8_t v) {
+  uint8_t out[4] = {1, 2, 3, 4};
+  kvl_yuv420_to_rgba(&y, 1, &u, 1, 1, &v, 1, 1, 1, 1, out, 4);
+  return {out[0], out[1], out[2], out[3]};
+}
+
+void rgb_pixel(uint8_t r, uint8_t g, uint8_t b, uint8_t* y, uint8_t* u, uint8_t* v) {
+  const uint8_t in[4] = {r, g, b, 255};
+  kvl_rgba_to_yuv420(in, 4, 1, 1, y, 1, u, 1, 1, v, 1, 1);
+}
+
+TEST(Yuv, KnownValuesToRgba) {
+  Rgba black = yuv_pixel(16, 128, 128);
+  EXPECT_EQ(black.r, 0);
+  EXPECT_EQ(black.g, 0);
+  EXPECT_EQ(black.b, 0);
+  EXPECT_EQ(black.a, 255);
+  Rgba white = yuv_pixel(235, 128, 128);  // c = 65390, >> 8 is 255
+  EXPECT_EQ(white.r, 255);
+  EXPECT_EQ(white.g, 255);
+  EXPECT_EQ(white.b, 255);
+  // Red as the inverse conversion writes it: R overshoots and clamps.
+  Rgba red = yuv_pixel(82, 90, 240);
+  EXPECT_EQ(red.r, 255);
+  EXPECT_EQ(red.g, 1);
+  EXPECT_EQ(red.b, 0);
+  // Negative sums clamp to 0; 26752 >> 8 truncates 104.5 to 104.
+  Rgba low = yuv_pixel(16, 128, 0);
+  EXPECT_EQ(low.r, 0);
+  EXPECT_EQ(low.g, 104);
+  EXPECT_EQ(low.b, 0);
+}
+
+TEST(Yuv, KnownValuesFromRgba) {
+  uint8_t y, u, v;
+  rgb_pixel(255, 255, 255, &y, &u, &v);
+  EXPECT_EQ(y, 235);
+  EXPECT_EQ(u, 128);
+  EXPECT_EQ(v, 128);
+  rgb_pixel(0, 0, 0, &y, &u, &v);
+  EXPECT_EQ(y, 16);
+  EXPECT_EQ(u, 128);
+  EXPECT_EQ(v, 128);
+  // -9562 >> 8 is -38 with an arithmetic shift (floor), not -37.
+  rgb_pixel(255, 0, 0, &y, &u, &v);
+  EXPECT_EQ(y, 82);
+  EXPECT_EQ(u, 90);
+  EXPECT_EQ(v, 240);
+  rgb_pixel(0, 0, 255, &y, &u, &v);
+  EXPECT_EQ(y, 41);
+  EXPECT_EQ(u, 240);
+  EXPECT_EQ(v, 110);
+}
+
+TEST(Yuv, GreyRoundTripWithinOne) {
+  for (int g = 0; g < 256; g++) {
+    uint8_t y, u, v;
+    rgb_pixel((uint8_t)g, (uint8_t)g, (uint8_t)g, &y, &u, &v);
+    Rgba back = yuv_pixel(y, u, v);
+    EXPECT_NEAR(back.r, g, 1);
+    EXPECT_NEAR(back.g, g, 1);
+    EXPECT_NEAR(back.b, g, 1);
+  }
+}
+
+TEST(Yuv, OddSizesStridesAndInterleavedChroma) {
+  // 5x3 image: chroma plane 3x2, top-left pixel of each 2x2 block only.
+  const int w = 5, h = 3, rs = 24;
+  std::vector<uint8_t> rgba((size_t)rs * h, 0);
+  for (int y = 0; y < h; y++)
+    for (int x = 0; x < w; x++) {
+      uint8_t* p = &rgba[(size_t)y * rs + 4 * x];
+      p[0] = (uint8_t)(40 * x);
+      p[1] = (uint8_t)(90 * y);
+      p[2] = (uint8_t)(200 - 30 * x);
+      p[3] = 255;
+    }
+  const int ys = 8, cs = 4;
+  std::vector<uint8_t> Y((size_t)ys * h, 0xAB), U((size_t)cs * 2, 0xAB), V((size_t)cs * 2, 0xAB);
+  kvl_rgba_to_yuv420(rgba.data(), rs, w, h, Y.data(), ys, U.data(), cs, 1, V.data(), cs, 1);
+  for (int cy = 0; cy < 2; cy++)
+    for (int cx = 0; cx < 3; cx++) {
+      uint8_t y1, u1, v1;
+      const uint8_t* p = &rgba[(size_t)(2 * cy) * rs + 4 * (2 * cx)];
+      rgb_pixel(p[0], p[1], p[2], &y1, &u1, &v1);
+      EXPECT_EQ(U[cy * cs + cx], u1);
+      EXPECT_EQ(V[cy * cs + cx], v1);
+    }
+  EXPECT_EQ(U[3], 0xAB);  // padding past the 3 chroma columns is untouched
+  EXPECT_EQ(Y[5], 0xAB);
+
+  // Interleaved chroma (U, V, U, V...) with pixel stride 2.
+  std::vector<uint8_t> UV((size_t)8 * 2, 0xAB);
+  std::vector<uint8_t> Y2((size_t)ys * h);
+  kvl_rgba_to_yuv420(rgba.data(), rs, w, h, Y2.data(), ys, UV.data(), 8, 2, UV.data() + 1, 8, 2);
+  for (int cy = 0; cy < 2; cy++)
+    for (int cx = 0; cx < 3; cx++) {
+      EXPECT_EQ(UV[cy * 8 + 2 * cx], U[cy * cs + cx]);
+      EXPECT_EQ(UV[cy * 8 + 2 * cx + 1], V[cy * cs + cx]);
+    }
+
+  // Back again: planar and interleaved reads give the same image, and each
+  // pixel uses the chroma of its block.
+  std::vector<uint8_t> a((size_t)rs * h, 0), b((size_t)rs * h, 0);
+  kvl_yuv420_to_rgba(Y.data(), ys, U.data(), cs, 1, V.data(), cs, 1, w, h, a.data(), rs);
+  kvl_yuv420_to_rgba(Y2.data(), ys, UV.data(), 8, 2, UV.data() + 1, 8, 2, w, h, b.data(), rs);
+  EXPECT_EQ(a, b);
+  for (int y = 0; y < h; y++)
+    for (int x = 0; x < w; x++) {
+      Rgba want = yuv_pixel(Y[(size_t)y * ys + x], U[(y / 2) * cs + x / 2], V[(y / 2) * cs + x / 2]);
+      const uint8_t* p = &a[(size_t)y * rs + 4 * x];
+      EXPECT_EQ(p[0], want.r);
+      EXPECT_EQ(p[1], want.g);
+      EXPECT_EQ(p[2], want.b);
+      EXPECT_EQ(p[3], 255);
+    }
+  EXPECT_EQ(a[20], 0);  // row padding of the output is untouched
+}
+
+}  // namespace

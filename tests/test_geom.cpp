@@ -1,0 +1,703 @@
+// Homographies, mesh warp, outline flattening, the polygon rasteriser and the
+// mask filters. The optimised rasteriser, blur and morphology are checked
+// bit for bit against plain, obviously-correct versions kept here.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <vector>
+
+#include "kavlen/kavlen_engine.h"
+
+namespace {
+
+using Mask = std::vector<uint8_t>;
+
+kvl_h unit_to_quad(std::initializer_list<double> c) {
+  std::vector<double> v(c);
+  return kvl_h_unit_to_quad(v.data());
+}
+
+// ---------------------------------------------------------------------------
+// Plain reference versions of the mask routines.
+
+void ref_raster(const double* pts, int n, uint8_t* mask, int w, int h, int invert) {
+  const bool inv = invert & 1;
+  std::fill(mask, mask + (size_t)w * h, inv ? 255 : 0);
+  if (n < 3) return;
+  double ymin = INFINITY, ymax = -INFINITY;
+  for (int i = 0; i < n; i++) {
+    ymin = std::min(ymin, pts[2 * i + 1]);
+    ymax = std::max(ymax, pts[2 * i + 1]);
+  }
+  const int r0 = (int)std::clamp(std::floor(ymin), 0.0, (double)h);
+  const int r1 = (int)std::clamp(std::ceil(ymax), 0.0, (double)h);
+  std::vector<uint16_t> acc(w);
+  for (int row = r0; row < r1; row++) {
+    std::fill(acc.begin(), acc.end(), 0);
+    for (int k = 0; k < 4; k++) {
+      const double s = row + 0.125 + 0.25 * k;
+      std::vector<double> xs;
+      for (int i = 0; i < n; i++) {
+        const int j = (i + 1) % n;
+        const double a = pts[2 * i + 1], b = pts[2 * j + 1];
+        if ((a > s) != (b > s)) xs.push_back((pts[2 * j] - pts[2 * i]) * (s - a) / (b - a) + pts[2 * i]);
+      }
+      if (xs.size() < 2) continue;
+      std::sort(xs.begin(), xs.end());
+      for (size_t p = 0; p + 1 < xs.size(); p += 2) {
+        const double l = xs[p], r = xs[p + 1];
+        if (r <= 0 || l >= w) continue;
+        const int a = std::clamp((int)std::floor(l), 0, w - 1);
+        const int b = std::clamp((int)std::ceil(r) - 1, 0, w - 1);
+        for (int x = a; x <= b; x++) {
+          const double lo = std::max(l, (double)x), hi = std::min(r, x + 1.0);
+          if (hi > lo) acc[x] = (uint16_t)(acc[x] + (int)std::round((hi - lo) * 4));
+        }
+      }
+    }
+    for (int x = 0; x < w; x++) {
+      if (!acc[x]) continue;
+      int c = std::min(acc[x] * 255 >> 4, 255);
+      mask[(size_t)row * w + x] = (uint8_t)(inv ? c ^ 255 : c);
+    }
+  }
+}
+
+// Box blur straight from the definition: every output sums its window.
+void ref_blur_r(uint8_t* m, int w, int h, long r) {
+  Mask tmp((size_t)w * h);
+  const long d = 2 * r + 1;
+  for (int pass = 0; pass < 3; pass++) {
+    for (int y = 0; y < h; y++)
+      for (int x = 0; x < w; x++) {
+        long sum = 0;
+        for (long q = x - r; q <= x + r; q++) sum += m[(size_t)y * w + std::clamp<long>(q, 0, w - 1)];
+        tmp[(size_t)y * w + x] = (uint8_t)(sum / d);
+      }
+    for (int y = 0; y < h; y++)
+      for (int x = 0; x < w; x++) {
+        long sum = 0;
+        for (long q = y - r; q <= y + r; q++) sum += tmp[(size_t)std::clamp<long>(q, 0, h - 1) * w + x];
+        m[(size_t)y * w + x] = (uint8_t)(sum / d);
+      }
+  }
+}
+
+long blur_radius(double sigma) { return std::max(1L, std::lround(0.5 * std::sqrt(1 + 4 * sigma * sigma) - 0.5)); }
+
+void ref_morph(uint8_t* m, int w, int h, int r, bool dilate) {
+  if (r < 1) return;
+  auto pick = [dilate](uint8_t a, uint8_t b) { return dilate ? std::max(a, b) : std::min(a, b); };
+  Mask line(std::max(w, h));
+  for (int y = 0; y < h; y++) {
+    std::copy(m + (size_t)y * w, m + (size_t)y * w + w, line.begin());
+    for (int x = 0; x < w; x++) {
+      uint8_t v = line[x];
+      for (long q = std::max(0L, (long)x - r); q <= std::min<long>(w - 1, (long)x + r); q++) v = pick(v, line[q]);
+      m[(size_t)y * w + x] = v;
+    }
+  }
+  for (int x = 0; x < w; x++) {
+    for (int y = 0; y < h; y++) line[y] = m[(size_t)y * w + x];
+    for (int y = 0; y < h; y++) {
+      uint8_t v = line[y];
+      for (long q = std::max(0L, (long)y - r); q <= std::min<long>(h - 1, (long)y + r); q++) v = pick(v, line[q]);
+      m[(size_t)y * w + x] = v;
+    }
+  }
+}
+
+// Masks that are neither smooth nor uniform: blobs, noise and flat runs.
+Mask random_mask(std::mt19937& rng, int w, int h) {
+  Mask m((size_t)w * h);
+  const int style = (int)(rng() % 3);
+  for (auto& v : m) {
+    if (style == 0) v = (uint8_t)rng();
+    else if (style == 1) v = (rng() % 7 == 0) ? 255 : 0;
+    else v = (uint8_t)(rng() % 4 == 0 ? rng() : 0);
+  }
+  return m;
+}
+
+std::pair<int, int> random_size(std::mt19937& rng) {
+  switch (rng() % 5) {
+    case 0: return {1, 1 + (int)(rng() % 70)};
+    case 1: return {1 + (int)(rng() % 70), 1};
+    default: return {1 + (int)(rng() % 60), 1 + (int)(rng() % 60)};
+  }
+}
+
+int count_value(const Mask& m, uint8_t v) { return (int)std::count(m.begin(), m.end(), v); }
+
+// ---------------------------------------------------------------------------
+// Homographies
+
+TEST(Geom, ParallelogramIsAffineExactly) {
+  kvl_h h = unit_to_quad({1, 1, 5, 2, 6, 6, 2, 5});
+  EXPECT_EQ(h.m[6], 0.0);
+  EXPECT_EQ(h.m[7], 0.0);
+  EXPECT_EQ(h.m[8], 1.0);
+  EXPECT_EQ(h.m[0], 4.0);
+  EXPECT_EQ(h.m[1], 1.0);
+  EXPECT_EQ(h.m[2], 1.0);
+  EXPECT_EQ(h.m[3], 1.0);
+  EXPECT_EQ(h.m[4], 4.0);
+  EXPECT_EQ(h.m[5], 1.0);
+}
+
+TEST(Geom, UnitSquareGivesIdentity) {
+  kvl_h h = unit_to_quad({0, 0, 1, 0, 1, 1, 0, 1});
+  const double id[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+  for (int i = 0; i < 9; i++) EXPECT_EQ(h.m[i], id[i]) << i;
+}
+
+TEST(Geom, CornersMapInOutlineOrderAndInverseRoundTrips) {
+  // Projective quads, including one where only sy is off (sx == 0 exactly).
+  const std::vector<std::vector<double>> quads = {
+      {100, 80, 1200, 40, 1100, 700, 60, 650},
+      {0.1, 0.2, 0.9, 0.1, 0.8, 0.95, 0.05, 0.7},
+      {0, 0, 4, 0, 3, 2, 1, 2},
+  };
+  const double unit[4][2] = {{0, 0}, {1, 0}, {1, 1}, {0, 1}};
+  for (const auto& q : quads) {
+    kvl_h h = kvl_h_unit_to_quad(q.data());
+    EXPECT_TRUE(h.m[6] != 0.0 || h.m[7] != 0.0);
+    const double scale = std::max(1.0, std::fabs(q[0]) + std::fabs(q[2]));
+    for (int c = 0; c < 4; c++) {
+      double x, y;
+      kvl_h_apply(&h, unit[c][0], unit[c][1], &x, &y);
+      EXPECT_NEAR(x, q[2 * c], 1e-12 * scale);
+      EXPECT_NEAR(y, q[2 * c + 1], 1e-12 * scale);
+    }
+    kvl_h inv;
+    ASSERT_TRUE(kvl_h_invert(&h, &inv));
+    double x, y, u, v;
+    kvl_h_apply(&h, 0.3, 0.7, &x, &y);
+    kvl_h_apply(&inv, x, y, &u, &v);
+    EXPECT_NEAR(u, 0.3, 1e-9);
+    EXPECT_NEAR(v, 0.7, 1e-9);
+  }
+}
+
+TEST(Geom, ApplyKeepsItsOperationOrder) {
+  // (1e16 + 1) + 1 rounds back to 1e16 at each step; 1e16 + (1 + 1) would
+  // not. The shader sums in the same order, so this order is part of the
+  // contract between the two renderers.
+  kvl_h h = {{1, 1, 1, 1, 1, 1, 0, 0, 1}};
+  double x, y;
+  kvl_h_apply(&h, 1e16, 1, &x, &y);
+  EXPECT_EQ(x, 1e16);
+  EXPECT_EQ(y, 1e16);
+  kvl_h hw = {{1, 0, 0, 0, 1, 0, 1, 1, 1}};
+  kvl_h_apply(&hw, 1e16, 1, &x, &y);
+  EXPECT_EQ(x, 1.0);  // w = (1e16 + 1) + 1 == 1e16
+}
+
+TEST(Geom, InvertRefusesSingularAndLeavesOutAlone) {
+  kvl_h zero = {};
+  kvl_h out;
+  for (double& v : out.m) v = 42.0;
+  EXPECT_FALSE(kvl_h_invert(&zero, &out));
+  for (double v : out.m) EXPECT_EQ(v, 42.0);
+
+  // Three collinear corners: g and h go non-finite and the determinant NaN.
+  kvl_h bad = unit_to_quad({0, 5, 1, 1, 2, 2, 3, 3});
+  EXPECT_FALSE(kvl_h_invert(&bad, &out));
+  for (double v : out.m) EXPECT_EQ(v, 42.0);
+
+  kvl_h nan = {{NAN, 0, 0, 0, 1, 0, 0, 0, 1}};
+  EXPECT_FALSE(kvl_h_invert(&nan, &out));
+
+  // 1e-18 is the threshold: tiny but regular matrices still invert.
+  kvl_h small = {{1e-7, 0, 0, 0, 1e-7, 0, 0, 0, 1e-3}};  // det 1e-17
+  ASSERT_TRUE(kvl_h_invert(&small, &out));
+  EXPECT_DOUBLE_EQ(out.m[0], 1e7);
+  kvl_h tiny = {{1e-7, 0, 0, 0, 1e-7, 0, 0, 0, 1e-5}};  // det 1e-19
+  EXPECT_FALSE(kvl_h_invert(&tiny, &out));
+}
+
+TEST(Geom, InvertInPlace) {
+  kvl_h h = unit_to_quad({100, 80, 1200, 40, 1100, 700, 60, 650});
+  kvl_h copy = h, inv;
+  ASSERT_TRUE(kvl_h_invert(&h, &inv));
+  ASSERT_TRUE(kvl_h_invert(&copy, &copy));
+  for (int i = 0; i < 9; i++) EXPECT_EQ(copy.m[i], inv.m[i]);
+}
+
+// ---------------------------------------------------------------------------
+// Mesh
+
+struct MeshLayer {
+  kvl_layer layer{};
+  std::vector<double> offsets;
+  MeshLayer(int cols, int rows) : offsets((size_t)(cols + 1) * (rows + 1) * 2, 0.0) {
+    layer.has_mesh = true;
+    layer.mesh_cols = cols;
+    layer.mesh_rows = rows;
+    layer.mesh_offsets = offsets.data();
+  }
+  void set(int c, int r, double dx, double dy) {
+    offsets[((size_t)r * (layer.mesh_cols + 1) + c) * 2] = dx;
+    offsets[((size_t)r * (layer.mesh_cols + 1) + c) * 2 + 1] = dy;
+  }
+};
+
+TEST(GeomMesh, PassesThroughEveryControlPoint) {
+  MeshLayer m(3, 2);
+  std::mt19937 rng(7);
+  std::uniform_real_distribution<double> d(-0.2, 0.2);
+  for (int r = 0; r <= 2; r++)
+    for (int c = 0; c <= 3; c++) m.set(c, r, d(rng), d(rng));
+  for (int r = 0; r <= 2; r++)
+    for (int c = 0; c <= 3; c++) {
+      double dx, dy;
+      kvl_mesh_offset_at(&m.layer, c, r, &dx, &dy);
+      const double* want = &m.offsets[((size_t)r * 4 + c) * 2];
+      // The far edges are reached with t = 1 in the last cell: equal up to
+      // rounding. Everything else is hit with t = 0, exactly.
+      if (c < 3 && r < 2) {
+        EXPECT_EQ(dx, want[0]) << c << "," << r;
+        EXPECT_EQ(dy, want[1]) << c << "," << r;
+      } else {
+        EXPECT_NEAR(dx, want[0], 1e-15) << c << "," << r;
+        EXPECT_NEAR(dy, want[1], 1e-15) << c << "," << r;
+      }
+    }
+}
+
+TEST(GeomMesh, OneByOneUsesRepeatedCorners) {
+  MeshLayer m(1, 1);
+  m.set(0, 0, 0, 0);
+  m.set(1, 0, 1, 0);
+  m.set(0, 1, 0, 0);
+  m.set(1, 1, 0, 1);
+  double dx, dy;
+  // With both end points repeated the curve between A and B weighs B by
+  // t/2 + 3t^2/2 - t^3, which is 1/2 in the middle and 0.203125 at 1/4.
+  kvl_mesh_offset_at(&m.layer, 0.5, 0.5, &dx, &dy);
+  EXPECT_DOUBLE_EQ(dx, 0.25);
+  EXPECT_DOUBLE_EQ(dy, 0.25);
+  kvl_mesh_offset_at(&m.layer, 0.25, 0.0, &dx, &dy);
+  EXPECT_DOUBLE_EQ(dx, 0.203125);
+  EXPECT_EQ(dy, 0.0);
+  // Outside the grid the position clamps to the border.
+  kvl_mesh_offset_at(&m.layer, 7.0, -3.0, &dx, &dy);
+  EXPECT_NEAR(dx, 1.0, 1e-15);
+  EXPECT_NEAR(dy, 0.0, 1e-15);
+  kvl_mesh_offset_at(&m.layer, NAN, NAN, &dx, &dy);
+  EXPECT_EQ(dx, 0.0);
+  EXPECT_EQ(dy, 0.0);
+}
+
+TEST(GeomMesh, ReproducesLinearRampAwayFromBorders) {
+  // Catmull-Rom is exact on linear data when all four neighbours are real.
+  MeshLayer m(4, 4);
+  for (int r = 0; r <= 4; r++)
+    for (int c = 0; c <= 4; c++) m.set(c, r, 0.1 * c, -0.05 * r);
+  for (double x : {1.0, 1.3, 1.5, 2.0, 2.9})
+    for (double y : {1.0, 1.25, 2.75}) {
+      double dx, dy;
+      kvl_mesh_offset_at(&m.layer, x, y, &dx, &dy);
+      EXPECT_NEAR(dx, 0.1 * x, 1e-12);
+      EXPECT_NEAR(dy, -0.05 * y, 1e-12);
+    }
+}
+
+TEST(GeomMesh, SubdivisionTable) {
+  const int want[13] = {0, 4, 4, 4, 3, 2, 2, 1, 1, 1, 1, 1, 1};
+  for (int m = 1; m <= 12; m++) {
+    MeshLayer a(m, 1), b(1, m);
+    EXPECT_EQ(kvl_mesh_subdivisions(&a.layer), want[m]) << m;
+    EXPECT_EQ(kvl_mesh_subdivisions(&b.layer), want[m]) << m;
+  }
+  MeshLayer wide(12, 1), square(3, 3);
+  EXPECT_EQ(kvl_mesh_subdivisions(&wide.layer), 1);
+  EXPECT_EQ(kvl_mesh_subdivisions(&square.layer), 4);  // 12 by 12 drawn cells
+}
+
+// ---------------------------------------------------------------------------
+// Flattening
+
+kvl_vertex vtx(double x, double y) {
+  kvl_vertex v{};
+  v.x = x;
+  v.y = y;
+  return v;
+}
+
+TEST(GeomFlatten, StraightOutlineIsCopied) {
+  kvl_vertex v[3] = {vtx(0.1, 0.2), vtx(0.9, 0.3), vtx(0.5, 0.8)};
+  double* pts = nullptr;
+  ASSERT_EQ(kvl_flatten(v, 3, &pts), 3);
+  ASSERT_NE(pts, nullptr);
+  for (int i = 0; i < 3; i++) {
+    EXPECT_EQ(pts[2 * i], v[i].x);
+    EXPECT_EQ(pts[2 * i + 1], v[i].y);
+  }
+  free(pts);
+}
+
+TEST(GeomFlatten, OneHandleCurvesOneEdge) {
+  kvl_vertex v[4] = {vtx(0, 0), vtx(1, 0), vtx(1, 1), vtx(0, 1)};
+  v[0].has_out = true;
+  v[0].out_x = 0;
+  v[0].out_y = 1;
+  double* pts = nullptr;
+  ASSERT_EQ(kvl_flatten(v, 4, &pts), 19);
+  EXPECT_EQ(pts[0], 0.0);
+  EXPECT_EQ(pts[1], 0.0);
+  // Inner point k = 8 is t = 1/2: P0/8 + 3 C1/8 + 3 C2/8 + P3/8 with
+  // C1 = (0, 1) and C2 = P3 = (1, 0).
+  EXPECT_DOUBLE_EQ(pts[2 * 8], 0.5);
+  EXPECT_DOUBLE_EQ(pts[2 * 8 + 1], 0.375);
+  // Then the straight edges contribute only their start vertices.
+  EXPECT_EQ(pts[2 * 16], 1.0);
+  EXPECT_EQ(pts[2 * 16 + 1], 0.0);
+  EXPECT_EQ(pts[2 * 17], 1.0);
+  EXPECT_EQ(pts[2 * 17 + 1], 1.0);
+  EXPECT_EQ(pts[2 * 18], 0.0);
+  EXPECT_EQ(pts[2 * 18 + 1], 1.0);
+  free(pts);
+}
+
+TEST(GeomFlatten, InHandleOfNextVertexAndWrapAround) {
+  // The handle sits on vertex 0's in side: it curves the closing edge 2 -> 0.
+  kvl_vertex v[3] = {vtx(0, 0), vtx(1, 0), vtx(1, 1)};
+  v[0].has_in = true;
+  v[0].in_x = -0.5;
+  v[0].in_y = 0.5;
+  double* pts = nullptr;
+  ASSERT_EQ(kvl_flatten(v, 3, &pts), 3 + 15);
+  EXPECT_EQ(pts[2 * 2], 1.0);  // vertex 2, then its curve back to vertex 0
+  EXPECT_EQ(pts[2 * 2 + 1], 1.0);
+  const double t = 15.0 / 16, s = 1 - t;
+  // P0 = (1, 1) = C1, C2 = (-0.5, 0.5), P3 = (0, 0).
+  EXPECT_DOUBLE_EQ(pts[2 * 17], s * s * s + 3 * t * s * s - 0.5 * 3 * t * t * s);
+  free(pts);
+}
+
+TEST(GeomFlatten, EmptyOutlineStillReturnsAFreeableBlock) {
+  double* pts = nullptr;
+  EXPECT_EQ(kvl_flatten(nullptr, 0, &pts), 0);
+  EXPECT_NE(pts, nullptr);
+  free(pts);
+}
+
+// ---------------------------------------------------------------------------
+// Rasteriser
+
+TEST(Raster, PixelAlignedRectangleIsExact) {
+  const int w = 16, h = 12;
+  const double rect[] = {3, 2, 11, 2, 11, 9, 3, 9};
+  for (int invert : {0, 1}) {
+    Mask m(w * h, 77);
+    kvl_raster_polygon(rect, 4, m.data(), w, h, invert);
+    for (int y = 0; y < h; y++)
+      for (int x = 0; x < w; x++) {
+        const bool in = x >= 3 && x < 11 && y >= 2 && y < 9;
+        EXPECT_EQ(m[y * w + x], (in != (invert != 0)) ? 255 : 0) << x << "," << y << " inv " << invert;
+      }
+  }
+}
+
+TEST(Raster, PartialCoverageAndInvert) {
+  // Left edge at 2.5: that column is half covered on every sample line,
+  // 8 of 16 units, which maps to 127 (no rounding) and to 128 inverted.
+  const int w = 8, h = 4;
+  const double rect[] = {2.5, 0, 6, 0, 6, 4, 2.5, 4};
+  Mask m(w * h), mi(w * h);
+  kvl_raster_polygon(rect, 4, m.data(), w, h, 0);
+  kvl_raster_polygon(rect, 4, mi.data(), w, h, 3);  // only bit 0 counts
+  for (int y = 0; y < h; y++) {
+    EXPECT_EQ(m[y * w + 2], 127);
+    EXPECT_EQ(mi[y * w + 2], 128);
+    EXPECT_EQ(m[y * w + 4], 255);
+    EXPECT_EQ(mi[y * w + 4], 0);
+    EXPECT_EQ(m[y * w + 7], 0);
+    EXPECT_EQ(mi[y * w + 7], 255);
+  }
+  // Top edge at 1.5: two of four sample lines in row 1.
+  const double top[] = {0, 1.5, 8, 1.5, 8, 4, 0, 4};
+  kvl_raster_polygon(top, 4, m.data(), w, h, 0);
+  EXPECT_EQ(m[0 * w + 3], 0);
+  EXPECT_EQ(m[1 * w + 3], 127);
+  EXPECT_EQ(m[2 * w + 3], 255);
+}
+
+TEST(Raster, DegenerateAndOutsidePolygonsLeaveTheFill) {
+  const int w = 10, h = 10;
+  const double two[] = {1, 1, 8, 8};
+  const double outside[] = {20, 20, 30, 20, 30, 30, 20, 30};
+  const double above[] = {1, -9, 8, -9, 8, -1, 1, -1};
+  const double flat[] = {1, 5, 8, 5, 4, 5};
+  for (int invert : {0, 1}) {
+    const uint8_t fill = invert ? 255 : 0;
+    Mask m(w * h, 9);
+    kvl_raster_polygon(two, 2, m.data(), w, h, invert);
+    EXPECT_EQ(count_value(m, fill), w * h);
+    kvl_raster_polygon(outside, 4, m.data(), w, h, invert);
+    EXPECT_EQ(count_value(m, fill), w * h);
+    kvl_raster_polygon(above, 4, m.data(), w, h, invert);
+    EXPECT_EQ(count_value(m, fill), w * h);
+    kvl_raster_polygon(flat, 3, m.data(), w, h, invert);
+    EXPECT_EQ(count_value(m, fill), w * h);
+  }
+}
+
+TEST(Raster, EvenOddLeavesDoublyEnclosedRegionsEmpty) {
+  const int w = 40, h = 40;
+  // A five-pointed star in one stroke: the centre pentagon is crossed twice.
+  std::vector<double> star;
+  for (int i = 0; i < 5; i++) {
+    const double a = -M_PI / 2 + i * 4 * M_PI / 5;
+    star.push_back(20 + 18 * std::cos(a));
+    star.push_back(20 + 18 * std::sin(a));
+  }
+  Mask m(w * h);
+  kvl_raster_polygon(star.data(), 5, m.data(), w, h, 0);
+  EXPECT_EQ(m[20 * w + 20], 0);   // centre
+  EXPECT_EQ(m[6 * w + 20], 255);  // inside the top point
+  // A square traced twice pairs every crossing with itself: nothing at all.
+  const double twice[] = {5, 5, 30, 5, 30, 30, 5, 30, 5, 5, 30, 5, 30, 30, 5, 30};
+  kvl_raster_polygon(twice, 8, m.data(), w, h, 0);
+  EXPECT_EQ(count_value(m, 0), w * h);
+  // Bow tie: the two side triangles are filled, the gaps above and below
+  // their crossing are not.
+  const double bow[] = {0, 0, 40, 40, 40, 0, 0, 40};
+  kvl_raster_polygon(bow, 4, m.data(), w, h, 0);
+  EXPECT_EQ(m[20 * w + 3], 255);
+  EXPECT_EQ(m[20 * w + 36], 255);
+  EXPECT_EQ(m[3 * w + 20], 0);
+  EXPECT_EQ(m[36 * w + 20], 0);
+}
+
+TEST(Raster, ManyThinSpansInOnePixelSaturate) {
+  // Seven teeth 1/8 wide in pixel 20: each rounds to one unit per sample
+  // line, 28 in all, which must clamp to 255 (not wrap to 28 * 255 >> 4).
+  // A wide bar on the same rows puts the pixel inside a run of 16.
+  std::vector<double> pts;
+  for (int i = 0; i < 7; i++) {
+    const double x0 = 20 + i * 0.140625, x1 = x0 + 0.125;
+    for (double v : {x0, 10.0, x0, 0.0, x1, 0.0, x1, 10.0}) pts.push_back(v);
+  }
+  for (double v : {30.0, 10.0, 30.0, 0.0, 46.0, 0.0, 46.0, 10.0}) pts.push_back(v);
+  const int n = (int)pts.size() / 2, w = 48, h = 12;
+  for (int invert : {0, 1}) {
+    Mask m(w * h), want(w * h);
+    kvl_raster_polygon(pts.data(), n, m.data(), w, h, invert);
+    ref_raster(pts.data(), n, want.data(), w, h, invert);
+    EXPECT_EQ(m, want);
+    const uint8_t on = invert ? 0 : 255, off = invert ? 255 : 0;
+    EXPECT_EQ(m[5 * w + 20], on);
+    EXPECT_EQ(m[5 * w + 25], off);
+    EXPECT_EQ(m[5 * w + 30], on);
+    EXPECT_EQ(m[5 * w + 46], off);
+  }
+}
+
+TEST(Raster, MatchesPlainScanConversion) {
+  std::mt19937 rng(1234);
+  for (int iter = 0; iter < 400; iter++) {
+    const int w = 1 + (int)(rng() % 48), h = 1 + (int)(rng() % 48);
+    const int n = 3 + (int)(rng() % 12);
+    std::vector<double> pts(2 * n);
+    std::uniform_real_distribution<double> dx(-10, w + 10), dy(-10, h + 10);
+    for (int i = 0; i < n; i++) {
+      // Mix free positions with quarter-pixel ones, which hit the half-way
+      // rounding of the coverage and vertices lying on sample lines.
+      if (rng() % 2) {
+        pts[2 * i] = dx(rng);
+        pts[2 * i + 1] = dy(rng);
+      } else {
+        pts[2 * i] = std::floor(dx(rng) * 8) / 8;
+        pts[2 * i + 1] = std::floor(dy(rng) * 8) / 8;
+      }
+    }
+    const int invert = (int)(rng() % 2);
+    Mask got(w * h), want(w * h);
+    kvl_raster_polygon(pts.data(), n, got.data(), w, h, invert);
+    ref_raster(pts.data(), n, want.data(), w, h, invert);
+    ASSERT_EQ(got, want) << "iteration " << iter;
+  }
+}
+
+TEST(Raster, SurvivesNonFiniteAndHugeCoordinates) {
+  const int w = 20, h = 20;
+  Mask m(w * h);
+  const double big = 1e300;
+  const double huge[] = {-big, -big, big, -big, big, big, -big, big};
+  kvl_raster_polygon(huge, 4, m.data(), w, h, 0);
+  EXPECT_EQ(count_value(m, 255), w * h);
+
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  const double inf = std::numeric_limits<double>::infinity();
+  const double all_nan[] = {nan, nan, nan, nan, nan, nan};
+  kvl_raster_polygon(all_nan, 3, m.data(), w, h, 1);
+  EXPECT_EQ(count_value(m, 255), w * h);
+
+  // Garbage x values on rows 5..8: whatever lands there, nothing outside the
+  // rows of the polygon's extent may change, and nothing may crash.
+  const double garbage[] = {nan, 5, inf, 6, -inf, 7.5, big, 8, -big, 5.5, 3e9, 6.5, -3e9, 7};
+  for (int invert : {0, 1}) {
+    kvl_raster_polygon(garbage, 7, m.data(), w, h, invert);
+    for (int y = 0; y < h; y++) {
+      if (y >= 5 && y < 8) continue;
+      for (int x = 0; x < w; x++) ASSERT_EQ(m[y * w + x], invert ? 255 : 0) << x << "," << y;
+    }
+  }
+  // Edges running to infinity have no finite crossing (0 * inf): they draw
+  // nothing rather than something arbitrary.
+  const double inf_rows[] = {2, -inf, 9, -inf, 9, inf, 2, inf};
+  kvl_raster_polygon(inf_rows, 4, m.data(), w, h, 0);
+  EXPECT_EQ(count_value(m, 0), w * h);
+}
+
+// ---------------------------------------------------------------------------
+// Blur
+
+TEST(MaskFilter, BlurThresholdAndSmallestRadius) {
+  std::mt19937 rng(5);
+  Mask base = random_mask(rng, 23, 17);
+  for (double sigma : {0.0, 0.3, -4.0, std::nan("")}) {
+    Mask m = base;
+    kvl_blur8(m.data(), 23, 17, sigma);
+    EXPECT_EQ(m, base) << sigma;
+  }
+  Mask m = base, want = base;
+  kvl_blur8(m.data(), 23, 17, 0.31);
+  ref_blur_r(want.data(), 23, 17, 1);
+  EXPECT_NE(m, base);
+  EXPECT_EQ(m, want);
+  EXPECT_EQ(blur_radius(12), 12);
+}
+
+TEST(MaskFilter, BlurOfConstantMasksIsConstant) {
+  for (uint8_t v : {0, 255, 77}) {
+    Mask m(31 * 9, v);
+    kvl_blur8(m.data(), 31, 9, 6.0);
+    EXPECT_EQ(count_value(m, v), 31 * 9) << (int)v;
+    Mask big(64 * 48, v);
+    kvl_blur8(big.data(), 64, 48, 5000.0);  // window far wider than the mask
+    EXPECT_EQ(count_value(big, v), 64 * 48) << (int)v;
+  }
+}
+
+TEST(MaskFilter, BlurMatchesPlainBoxFilter) {
+  std::mt19937 rng(99);
+  for (int iter = 0; iter < 150; iter++) {
+    auto [w, h] = random_size(rng);
+    double sigma;
+    switch (rng() % 4) {
+      case 0: sigma = 0.31 + (rng() % 100) / 40.0; break;
+      case 1: sigma = 1 + (rng() % 400) / 10.0; break;
+      case 2: sigma = 50 + rng() % 400; break;  // r past the mask size
+      default: sigma = 2100 + rng() % 900; break;  // 2r + 1 past 4096
+    }
+    // The plain filter costs (2r + 1) per pixel: keep wide windows on small masks.
+    while ((long)w * h * (2 * blur_radius(sigma) + 1) > 600000) {
+      w = std::max(1, w / 2);
+      h = std::max(1, h / 2);
+    }
+    Mask m = random_mask(rng, w, h), want = m;
+    kvl_blur8(m.data(), w, h, sigma);
+    ref_blur_r(want.data(), w, h, blur_radius(sigma));
+    ASSERT_EQ(m, want) << "iteration " << iter << " " << w << "x" << h << " sigma " << sigma;
+  }
+}
+
+TEST(MaskFilter, BlurOfFullSurfaceMaskMatchesPlainFilter) {
+  // The size the engine actually blurs, with a radius typical of a glow.
+  const int w = 320, h = 180;
+  std::mt19937 rng(3);
+  Mask m(w * h);
+  const double pts[] = {40, 30, 280, 20, 250, 160, 60, 150};
+  kvl_raster_polygon(pts, 4, m.data(), w, h, 0);
+  for (int i = 0; i < 500; i++) m[rng() % m.size()] = (uint8_t)rng();
+  Mask want = m;
+  kvl_blur8(m.data(), w, h, 12.0);
+  ref_blur_r(want.data(), w, h, 12);
+  EXPECT_EQ(m, want);
+}
+
+// ---------------------------------------------------------------------------
+// Dilation and erosion
+
+TEST(MaskFilter, DilateThenErodeRestoresSinglePixel) {
+  const int w = 21, h = 17;
+  for (int r : {1, 3, 6}) {
+    Mask m(w * h);
+    m[8 * w + 10] = 255;
+    kvl_dilate8(m.data(), w, h, r);
+    // A square of side 2r + 1, not a disc.
+    EXPECT_EQ(count_value(m, 255), (2 * r + 1) * (2 * r + 1));
+    EXPECT_EQ(m[(8 - r) * w + 10 - r], 255);
+    EXPECT_EQ(m[(8 + r) * w + 10 + r], 255);
+    kvl_erode8(m.data(), w, h, r);
+    EXPECT_EQ(count_value(m, 255), 1) << r;
+    EXPECT_EQ(m[8 * w + 10], 255);
+  }
+}
+
+TEST(MaskFilter, RadiusLargerThanMaskAndEdges) {
+  const int w = 7, h = 5;
+  Mask m(w * h);
+  m[2 * w + 1] = 200;
+  m[4 * w + 6] = 90;
+  kvl_dilate8(m.data(), w, h, 100);
+  EXPECT_EQ(count_value(m, 200), w * h);
+  kvl_erode8(m.data(), w, h, 1000000);
+  EXPECT_EQ(count_value(m, 200), w * h);
+  // The outside takes no part: a full mask is not eaten from its border.
+  Mask full(w * h, 255);
+  kvl_erode8(full.data(), w, h, 3);
+  EXPECT_EQ(count_value(full, 255), w * h);
+  std::mt19937 rng(1);
+  Mask before = random_mask(rng, w, h), same = before;
+  kvl_dilate8(same.data(), w, h, 0);
+  kvl_erode8(same.data(), w, h, -5);
+  EXPECT_EQ(same, before);
+}
+
+TEST(MaskFilter, MorphologyMatchesPlainWindows) {
+  std::mt19937 rng(2024);
+  for (int iter = 0; iter < 300; iter++) {
+    auto [w, h] = random_size(rng);
+    const bool dilate = rng() % 2;
+    int r;
+    switch (rng() % 3) {
+      case 0: r = 1 + (int)(rng() % 4); break;
+      case 1: r = 1 + (int)(rng() % 40); break;
+      default: r = (int)(rng() % 90); break;  // includes 0 and r >= size
+    }
+    Mask m = random_mask(rng, w, h), want = m;
+    if (dilate) kvl_dilate8(m.data(), w, h, r);
+    else kvl_erode8(m.data(), w, h, r);
+    ref_morph(want.data(), w, h, r, dilate);
+    ASSERT_EQ(m, want) << "iteration " << iter << " " << w << "x" << h << " r " << r << " dilate " << dilate;
+  }
+}
+
+TEST(MaskFilter, MorphologyOnWideMaskCrossesStrips) {
+  // Wider than one column strip of the column pass.
+  const int w = 600, h = 40;
+  std::mt19937 rng(8);
+  Mask m = random_mask(rng, w, h);
+  for (int r : {2, 17}) {
+    Mask a = m, b = m;
+    kvl_erode8(a.data(), w, h, r);
+    ref_morph(b.data(), w, h, r, false);
+    EXPECT_EQ(a, b) << r;
+    a = m;
+    b = m;
+    kvl_dilate8(a.data(), w, h, r);
+    ref_morph(b.data(), w, h, r, true);
+    EXPECT_EQ(a, b) << r;
+  }
+}
+
+}  // namespace
