@@ -385,10 +385,34 @@ KVL_AVX2_INLINE void v_sample(const shade& s, __m256d x, __m256d y, __m256d* r, 
   const __m128i w = _mm_set1_epi32(s.sw);
   const __m128i r0 = _mm_mullo_epi32(y0, w), r1 = _mm_mullo_epi32(y1, w);
   const int* base = reinterpret_cast<const int*>(s.src);
-  const __m128i t00 = _mm_i32gather_epi32(base, _mm_add_epi32(r0, x0), 4);
-  const __m128i t10 = _mm_i32gather_epi32(base, _mm_add_epi32(r0, x1), 4);
-  const __m128i t01 = _mm_i32gather_epi32(base, _mm_add_epi32(r1, x0), 4);
-  const __m128i t11 = _mm_i32gather_epi32(base, _mm_add_epi32(r1, x1), 4);
+  __m128i t00, t10, t01, t11;
+  // Away from the image's border no clamp changed anything, and the two
+  // texels of a row are neighbours in memory: two 8-byte loads a lane are
+  // cheaper than four gathers. The texels are the same either way.
+  const __m128i unclamped = _mm_and_si128(_mm_and_si128(_mm_cmpeq_epi32(ix, x0), _mm_cmpeq_epi32(iy, y0)),
+                                          _mm_and_si128(_mm_cmpeq_epi32(_mm_add_epi32(ix, i1), x1),
+                                                        _mm_cmpeq_epi32(_mm_add_epi32(iy, i1), y1)));
+  if (_mm_movemask_ps(_mm_castsi128_ps(unclamped)) == 15) {
+    alignas(16) int32_t o0[4], o1[4];
+    _mm_store_si128(reinterpret_cast<__m128i*>(o0), _mm_add_epi32(r0, x0));
+    _mm_store_si128(reinterpret_cast<__m128i*>(o1), _mm_add_epi32(r1, x0));
+    auto pair = [&](int32_t lo, int32_t hi) {
+      return _mm_castpd_si128(
+          _mm_loadh_pd(_mm_castsi128_pd(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(base + lo))),
+                       reinterpret_cast<const double*>(base + hi)));
+    };
+    const __m128 a01 = _mm_castsi128_ps(pair(o0[0], o0[1])), a23 = _mm_castsi128_ps(pair(o0[2], o0[3]));
+    const __m128 b01 = _mm_castsi128_ps(pair(o1[0], o1[1])), b23 = _mm_castsi128_ps(pair(o1[2], o1[3]));
+    t00 = _mm_castps_si128(_mm_shuffle_ps(a01, a23, _MM_SHUFFLE(2, 0, 2, 0)));
+    t10 = _mm_castps_si128(_mm_shuffle_ps(a01, a23, _MM_SHUFFLE(3, 1, 3, 1)));
+    t01 = _mm_castps_si128(_mm_shuffle_ps(b01, b23, _MM_SHUFFLE(2, 0, 2, 0)));
+    t11 = _mm_castps_si128(_mm_shuffle_ps(b01, b23, _MM_SHUFFLE(3, 1, 3, 1)));
+  } else {
+    t00 = _mm_i32gather_epi32(base, _mm_add_epi32(r0, x0), 4);
+    t10 = _mm_i32gather_epi32(base, _mm_add_epi32(r0, x1), 4);
+    t01 = _mm_i32gather_epi32(base, _mm_add_epi32(r1, x0), 4);
+    t11 = _mm_i32gather_epi32(base, _mm_add_epi32(r1, x1), 4);
+  }
   const __m256d omtx = _mm256_sub_pd(one, tx), omty = _mm256_sub_pd(one, ty);
   const __m256d w00 = _mm256_mul_pd(omtx, omty), w10 = _mm256_mul_pd(tx, omty);
   const __m256d w01 = _mm256_mul_pd(omtx, ty), w11 = _mm256_mul_pd(tx, ty);
@@ -413,9 +437,10 @@ KVL_AVX2_INLINE void v_sample(const shade& s, __m256d x, __m256d y, __m256d* r, 
   *b = out[2];
 }
 
-// surface_color() and blend() for four pixels.
-KVL_AVX2_INLINE void v_shade(const shade& s, __m256d u, __m256d v, __m256d aK, __m256d act, uint8_t* px) {
+// surface_color() and blend() for four pixels, each with its blend alpha.
+KVL_AVX2_INLINE void v_shade(const shade& s, __m256d u, __m256d v, __m256d alpha, __m256d act, uint8_t* px) {
   const __m256d zero = _mm256_setzero_pd(), one = _mm256_set1_pd(1.0);
+  const __m256d aK = _mm256_mul_pd(alpha, _mm256_set1_pd(kInv255));
   __m256d m = one, e = one;
   if (s.ellipse) {
     const __m256d du = _mm256_sub_pd(_mm256_div_pd(u, _mm256_set1_pd(kSurfW)), _mm256_set1_pd(0.5));
@@ -486,7 +511,7 @@ KVL_AVX2 void cell_span_avx2(const shade& s, const double* m, int32_t y, int32_t
   const __m256d m0 = _mm256_set1_pd(m[0]), m3 = _mm256_set1_pd(m[3]), m6 = _mm256_set1_pd(m[6]);
   const __m256d m1cy = _mm256_set1_pd(m[1] * cy), m4cy = _mm256_set1_pd(m[4] * cy), m7cy = _mm256_set1_pd(m[7] * cy);
   const __m256d m2 = _mm256_set1_pd(m[2]), m5 = _mm256_set1_pd(m[5]), m8 = _mm256_set1_pd(m[8]);
-  const __m256d aK = _mm256_set1_pd(s.opacity * kInv255);
+  const __m256d alpha = _mm256_set1_pd(s.opacity);
   const __m256d all = _mm256_castsi256_pd(_mm256_set1_epi64x(-1));
   const __m128i lane = _mm_set_epi32(3, 2, 1, 0);
   int32_t x = xa;
@@ -496,7 +521,7 @@ KVL_AVX2 void cell_span_avx2(const shade& s, const double* m, int32_t y, int32_t
     const __m256d w = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(m6, cx), m7cy), m8);
     const __m256d u = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(m0, cx), m1cy), m2), w);
     const __m256d v = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(m3, cx), m4cy), m5), w);
-    v_shade(s, u, v, aK, all, row + 4 * static_cast<ptrdiff_t>(x));
+    v_shade(s, u, v, alpha, all, row + 4 * static_cast<ptrdiff_t>(x));
   }
   for (; x < xb; x++) cell_pixel(s, m, x + 0.5, cy, s.opacity, row + 4 * static_cast<ptrdiff_t>(x));
 }
@@ -505,7 +530,7 @@ KVL_AVX2 void poly_span_avx2(const shade& s, const kvl_prep* p, double v, int32_
                              uint8_t* row) {
   const __m256d zero = _mm256_setzero_pd();
   const __m256d ox = _mm256_set1_pd(p->poly_ox), sc = _mm256_set1_pd(p->poly_scale);
-  const __m256d k = _mm256_set1_pd(kInv255 * s.opacity), inv = _mm256_set1_pd(kInv255);
+  const __m256d k = _mm256_set1_pd(kInv255 * s.opacity);
   const __m256d vv = _mm256_set1_pd(v);
   const __m128i lane = _mm_set_epi32(3, 2, 1, 0);
   int32_t x = xa;
@@ -521,7 +546,7 @@ KVL_AVX2 void poly_span_avx2(const shade& s, const kvl_prep* p, double v, int32_
     act = _mm256_and_pd(act, _mm256_cmp_pd(u, zero, _CMP_GE_OQ));
     act = _mm256_and_pd(act, _mm256_cmp_pd(u, _mm256_set1_pd(kSurfW), _CMP_LT_OQ));
     if (!_mm256_movemask_pd(act)) continue;
-    v_shade(s, u, vv, _mm256_mul_pd(_mm256_mul_pd(c, k), inv), act, row + 4 * static_cast<ptrdiff_t>(x));
+    v_shade(s, u, vv, _mm256_mul_pd(c, k), act, row + 4 * static_cast<ptrdiff_t>(x));
   }
   if (x < xb) poly_span_plain(s, p, v, x, xb, cov + (x - xa), row);
 }
