@@ -13,13 +13,15 @@ namespace embedded {
 
 bool simd_available() { return cpu_has_avx2(); }
 
+bool wide_available() { return cpu_has_avx2() && cpu_has_avx512(); }
+
 void fill_background(uint8_t* pixels, int32_t width, int32_t height, int32_t stride) {
   ::fill_background(pixels, width, height, stride);
 }
 
 void composite(const kvl_prep* layers, int32_t count, uint8_t* pixels, int32_t width, int32_t height,
-               int32_t stride, int32_t threads, bool simd) {
-  ::composite(layers, count, pixels, width, height, stride, threads, simd && cpu_has_avx2());
+               int32_t stride, int32_t threads, bool simd, bool wide) {
+  ::composite(layers, count, pixels, width, height, stride, threads, simd && cpu_has_avx2(), wide);
 }
 
 }  // namespace embedded

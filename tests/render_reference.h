@@ -27,8 +27,11 @@ void render_frame(const kvl_resolved* resolved, int32_t count, const kvl_sources
 namespace embedded {
 
 bool simd_available();
+// Whether the eight-wide AVX-512 kernels run here; with `wide` false the
+// vector path keeps to the four-wide AVX2 kernels.
+bool wide_available();
 void fill_background(uint8_t* pixels, int32_t width, int32_t height, int32_t stride);
 void composite(const kvl_prep* layers, int32_t count, uint8_t* pixels, int32_t width, int32_t height,
-               int32_t stride, int32_t threads, bool simd);
+               int32_t stride, int32_t threads, bool simd, bool wide = true);
 
 }  // namespace embedded

@@ -59,6 +59,17 @@ bool select_layers(kvl_engine* e) {
 
 kvl_scene* parse_scene(const char* json) { return kvl_scene_parse(json, g_error, KVL_ERROR_SIZE); }
 
+// Milliseconds to whole microseconds, halves away from zero. A document can
+// ask for any speed, so positions beyond int64 saturate (NaN reads as 0)
+// instead of converting out of range.
+int64_t media_micros(double ms) {
+  const double us = std::round(ms * 1000.0);
+  if (!(us == us)) return 0;
+  if (us >= 9223372036854775808.0) return INT64_MAX;
+  if (us <= -9223372036854775808.0) return INT64_MIN;
+  return static_cast<int64_t>(us);
+}
+
 int32_t worker_count(const kvl_engine* e) {
   if (e->threads >= 1) return e->threads;
   long n = sysconf(_SC_NPROCESSORS_ONLN);
@@ -228,7 +239,7 @@ int32_t kvl_engine_media_at(kvl_engine* e, int64_t time_us, kvl_media_need* out,
     if (n < capacity) {
       out[n].key = r->paint.ref;
       if (r->has_media_time) {
-        out[n].media_us = static_cast<int64_t>(std::round(r->media_time_ms * 1000.0));
+        out[n].media_us = media_micros(r->media_time_ms);
         out[n].speed = r->media_speed;
       } else {
         out[n].media_us = 0;

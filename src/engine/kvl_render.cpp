@@ -7,17 +7,25 @@
 //
 // The per-pixel arithmetic is fixed, down to the order of the operations:
 // the same picture has to come out of every build and of the GPU path. The
-// fast paths below (per-row spans of fully covered pixels, 4-wide AVX2
-// kernels) therefore compute exactly the same doubles as the plain per-pixel
-// code beside them, and only skip work whose outcome they can prove:
+// fast paths below (per-row spans of fully covered pixels, 4-wide AVX2 and
+// 8-wide AVX-512 kernels picked at run time, batches shaded in passes)
+// therefore compute exactly the same doubles as the plain per-pixel code
+// beside them, and only skip work whose outcome they can prove:
 //   - the edge distance of a pixel centre is monotone along a row, so the run
 //     of inside-and-not-near pixels is one interval, found with the exact
 //     per-pixel test at its ends;
 //   - doubles in SIMD lanes give the same bits as scalar doubles as long as
-//     each operation and its order are the same, and nothing is fused (no FMA
-//     is enabled for these paths, and contraction is switched off);
+//     each operation and its order are the same, and nothing is fused
+//     (contraction is switched off, so no FMA is emitted even where the
+//     AVX-512 target would allow one);
 //   - rounding halves away from zero is done as trunc plus an exact
-//     fractional test, identical for the scalar and the vector code.
+//     fractional test, identical for the scalar and the vector code;
+//   - a division by a power of two is the product by its exact reciprocal,
+//     and a product by 1 is the number itself;
+//   - texels are fetched by whichever loads are cheapest, but always the
+//     same texels.
+// The order in which the pixels of one layer are visited is free: a pixel's
+// result depends only on its own earlier value.
 #include <math.h>
 #include <pthread.h>
 #include <stdlib.h>
@@ -26,7 +34,17 @@
 #include "engine_internal.h"
 
 #if defined(__x86_64__) || defined(__i386__)
+// GCC 12's AVX-512 headers leave the unused pass-through operand of unmasked
+// intrinsics uninitialised on purpose, and its warning about that fires at
+// every inlined use.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #include <immintrin.h>
+#pragma GCC diagnostic pop
+#else
+#include <immintrin.h>
+#endif
 #define KVL_X86 1
 #define KVL_AVX2 __attribute__((target("avx2")))
 #define KVL_AVX2_INLINE __attribute__((target("avx2"), always_inline)) inline
@@ -60,7 +78,8 @@ struct kvl_job {
   int32_t width;
   int32_t stride;
   int32_t y0, y1;
-  bool simd;
+  bool simd;  // AVX2 kernels
+  bool wide;  // AVX-512 kernels where the processor has them
 };
 
 // Where a layer draws: `base` holds row `row0`, rows are `stride` bytes
@@ -88,7 +107,10 @@ struct shade {
   int32_t sw, sh;
   double dsw, dsh;
   double cover_ox, cover_oy, cover_scale;
+  bool cover_mul;     // cover_scale is a power of two with an exact reciprocal
+  double cover_inv;   // 1 / cover_scale, exact when cover_mul
   bool simd;  // the AVX2 kernels may run for this layer
+  bool wide;  // and the AVX-512 ones too
 };
 
 inline kvl_color argb_color(uint32_t c) {
@@ -119,7 +141,7 @@ inline int32_t mask_index(double u, double last) {
   return static_cast<int32_t>(t);
 }
 
-shade make_shade(const kvl_prep* p, double opacity, bool luma, bool simd) {
+shade make_shade(const kvl_prep* p, double opacity, bool luma, bool simd, bool wide) {
   shade s;
   memset(&s, 0, sizeof s);
   s.opacity = opacity;
@@ -130,6 +152,14 @@ shade make_shade(const kvl_prep* p, double opacity, bool luma, bool simd) {
   s.cover_ox = p->cover_ox;
   s.cover_oy = p->cover_oy;
   s.cover_scale = p->cover_scale;
+  // x / 2^k and x * 2^-k are the same correctly rounded number whenever 2^-k
+  // is itself a double, so the vector sampler may multiply instead. The
+  // exponent range keeps the reciprocal a normal double.
+  int exponent = 0;
+  if (isfinite(s.cover_scale) && frexp(s.cover_scale, &exponent) == 0.5 && exponent > -1000 && exponent < 1000) {
+    s.cover_mul = true;
+    s.cover_inv = ldexp(1.0, 1 - exponent);
+  }
   if (p->solid || !p->source) {
     s.kind = FILL_SOLID;
     const kvl_color c = argb_color(p->argb);
@@ -149,6 +179,7 @@ shade make_shade(const kvl_prep* p, double opacity, bool luma, bool simd) {
   }
   // The vector sampler indexes texels with 32-bit offsets.
   s.simd = simd && (s.kind != FILL_PIXELS || static_cast<int64_t>(s.sw) * s.sh < (int64_t{1} << 31));
+  s.wide = s.simd && wide;
   return s;
 }
 
@@ -392,7 +423,28 @@ KVL_AVX2_INLINE void v_sample(const shade& s, __m256d x, __m256d y, __m256d* r, 
   const __m128i unclamped = _mm_and_si128(_mm_and_si128(_mm_cmpeq_epi32(ix, x0), _mm_cmpeq_epi32(iy, y0)),
                                           _mm_and_si128(_mm_cmpeq_epi32(_mm_add_epi32(ix, i1), x1),
                                                         _mm_cmpeq_epi32(_mm_add_epi32(iy, i1), y1)));
-  if (_mm_movemask_ps(_mm_castsi128_ps(unclamped)) == 15) {
+  const bool inner = _mm_movemask_ps(_mm_castsi128_ps(unclamped)) == 15;
+  // Often the four lanes read the same two rows within a run of 8 texels:
+  // then one 32-byte load a row and a permutation fetch them all. The run
+  // is read whole only where it lies within the image's buffer.
+  const int32_t lx = _mm_cvtsi128_si32(x0), hx = _mm_extract_epi32(x0, 3);
+  const int32_t run = lx < hx ? lx : hx, row0 = _mm_cvtsi128_si32(y0);
+  const __m128i rel = _mm_sub_epi32(x0, _mm_set1_epi32(run));
+  const bool flat = _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(y0, _mm_set1_epi32(row0)))) == 15;
+  // rel <= 6 for every lane, as unsigned: min(rel, 6) == rel.
+  const __m128i capped = _mm_min_epu32(rel, _mm_set1_epi32(6));
+  const bool narrow_run = _mm_movemask_ps(_mm_castsi128_ps(_mm_cmpeq_epi32(capped, rel))) == 15;
+  if (inner && flat && narrow_run &&
+      (static_cast<int64_t>(row0) + 1) * s.sw + run + 8 <= static_cast<int64_t>(s.sw) * s.sh) {
+    const int* p0 = base + (static_cast<ptrdiff_t>(row0) * s.sw + run);
+    const __m256i b0 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p0));
+    const __m256i b1 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p0 + s.sw));
+    const __m256i n0 = _mm256_castsi128_si256(rel), n1 = _mm256_castsi128_si256(_mm_add_epi32(rel, i1));
+    t00 = _mm256_castsi256_si128(_mm256_permutevar8x32_epi32(b0, n0));
+    t10 = _mm256_castsi256_si128(_mm256_permutevar8x32_epi32(b0, n1));
+    t01 = _mm256_castsi256_si128(_mm256_permutevar8x32_epi32(b1, n0));
+    t11 = _mm256_castsi256_si128(_mm256_permutevar8x32_epi32(b1, n1));
+  } else if (inner) {
     alignas(16) int32_t o0[4], o1[4];
     _mm_store_si128(reinterpret_cast<__m128i*>(o0), _mm_add_epi32(r0, x0));
     _mm_store_si128(reinterpret_cast<__m128i*>(o1), _mm_add_epi32(r1, x0));
@@ -437,73 +489,121 @@ KVL_AVX2_INLINE void v_sample(const shade& s, __m256d x, __m256d y, __m256d* r, 
   *b = out[2];
 }
 
-// surface_color() and blend() for four pixels, each with its blend alpha.
-KVL_AVX2_INLINE void v_shade(const shade& s, __m256d u, __m256d v, __m256d alpha, __m256d act, uint8_t* px) {
+// surface_color() and blend() for up to kBatch groups of four pixels, each
+// pixel with its own blend alpha. The work goes in passes over the whole
+// batch: coordinates and tests first, then the source samples, then the
+// blends. One pixel's chain of dependent steps is long (the homography's
+// division, then the cover division, the texel loads, the weight divisions,
+// the blend), and fused into one loop body it is too long for the processor
+// to overlap one group with the next; in passes, the groups of a pass are
+// independent and their latencies hide behind each other. Every lane goes
+// through exactly the operations of the scalar code, in the same order.
+constexpr int kBatch = 16;
+
+struct v_batch {
+  __m256d u[kBatch], v[kBatch], alpha[kBatch], act[kBatch];
+  uint8_t* px[kBatch];
+  int n;
+};
+
+KVL_AVX2_INLINE void v_shade_batch(const shade& s, v_batch* b) {
   const __m256d zero = _mm256_setzero_pd(), one = _mm256_set1_pd(1.0);
-  const __m256d aK = _mm256_mul_pd(alpha, _mm256_set1_pd(kInv255));
-  __m256d m = one, e = one;
-  if (s.ellipse) {
-    const __m256d du = _mm256_sub_pd(_mm256_div_pd(u, _mm256_set1_pd(kSurfW)), _mm256_set1_pd(0.5));
-    const __m256d dv = _mm256_sub_pd(_mm256_div_pd(v, _mm256_set1_pd(kSurfH)), _mm256_set1_pd(0.5));
-    const __m256d r = _mm256_sqrt_pd(_mm256_add_pd(_mm256_mul_pd(du, du), _mm256_mul_pd(dv, dv)));
-    // NaN comes out as 0 here and as NaN in clamp01; either way the content
-    // test below refuses such a point.
-    e = _mm256_min_pd(_mm256_max_pd(_mm256_sub_pd(_mm256_set1_pd(360.5), _mm256_mul_pd(_mm256_set1_pd(720.0), r)),
-                                    zero),
-                      one);
-    act = _mm256_and_pd(act, _mm256_cmp_pd(e, zero, _CMP_NEQ_UQ));
-    if (!_mm256_movemask_pd(act)) return;
+  __m256d me[kBatch], ca[kBatch];
+  const int n = b->n;
+  // Pass 1: ellipse, mask, content and cover tests. For a source with
+  // pixels, u and v are replaced by the source coordinates.
+  for (int i = 0; i < n; i++) {
+    const __m256d u = b->u[i], v = b->v[i];
+    __m256d act = b->act[i];
+    __m256d m = one, e = one;
+    if (s.ellipse) {
+      const __m256d du = _mm256_sub_pd(_mm256_div_pd(u, _mm256_set1_pd(kSurfW)), _mm256_set1_pd(0.5));
+      const __m256d dv = _mm256_sub_pd(_mm256_div_pd(v, _mm256_set1_pd(kSurfH)), _mm256_set1_pd(0.5));
+      const __m256d r = _mm256_sqrt_pd(_mm256_add_pd(_mm256_mul_pd(du, du), _mm256_mul_pd(dv, dv)));
+      // NaN comes out as 0 here and as NaN in clamp01; either way the content
+      // test below refuses such a point.
+      e = _mm256_min_pd(
+          _mm256_max_pd(_mm256_sub_pd(_mm256_set1_pd(360.5), _mm256_mul_pd(_mm256_set1_pd(720.0), r)), zero), one);
+      act = _mm256_and_pd(act, _mm256_cmp_pd(e, zero, _CMP_NEQ_UQ));
+    }
+    if (s.mask && _mm256_movemask_pd(act)) {
+      const __m256d col = _mm256_min_pd(
+          _mm256_max_pd(_mm256_round_pd(u, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC), zero), _mm256_set1_pd(1279.0));
+      const __m256d row = _mm256_min_pd(
+          _mm256_max_pd(_mm256_round_pd(v, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC), zero), _mm256_set1_pd(719.0));
+      const __m128i idx =
+          _mm_add_epi32(_mm_mullo_epi32(_mm256_cvttpd_epi32(row), _mm_set1_epi32(1280)), _mm256_cvttpd_epi32(col));
+      alignas(16) int32_t ix[4];
+      _mm_store_si128(reinterpret_cast<__m128i*>(ix), idx);
+      const __m128i bytes = _mm_set_epi32(s.mask[ix[3]], s.mask[ix[2]], s.mask[ix[1]], s.mask[ix[0]]);
+      m = _mm256_mul_pd(_mm256_cvtepi32_pd(bytes), _mm256_set1_pd(kInv255));
+      act = _mm256_and_pd(act, _mm256_cmp_pd(m, zero, _CMP_NEQ_UQ));
+    }
+    const __m256d cu = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(_mm256_set1_pd(s.ic[0]), u),
+                                                   _mm256_mul_pd(_mm256_set1_pd(s.ic[1]), v)),
+                                     _mm256_set1_pd(s.ic[2]));
+    const __m256d cv = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(_mm256_set1_pd(s.ic[3]), u),
+                                                   _mm256_mul_pd(_mm256_set1_pd(s.ic[4]), v)),
+                                     _mm256_set1_pd(s.ic[5]));
+    act = _mm256_and_pd(act, _mm256_cmp_pd(cu, zero, _CMP_GE_OQ));
+    act = _mm256_and_pd(act, _mm256_cmp_pd(cu, _mm256_set1_pd(kSurfW), _CMP_LT_OQ));
+    act = _mm256_and_pd(act, _mm256_cmp_pd(cv, zero, _CMP_GE_OQ));
+    act = _mm256_and_pd(act, _mm256_cmp_pd(cv, _mm256_set1_pd(kSurfH), _CMP_LT_OQ));
+    me[i] = _mm256_mul_pd(m, e);
+    if (s.kind == FILL_SOLID) {
+      ca[i] = _mm256_mul_pd(me[i], _mm256_set1_pd(s.ca));
+    } else if (s.kind == FILL_PIXELS) {
+      __m256d sx, sy;
+      if (s.cover_mul) {
+        // The scale is a power of two: the product by its exact reciprocal
+        // is the same correctly rounded number as the quotient.
+        const __m256d ci = _mm256_set1_pd(s.cover_inv);
+        sx = _mm256_mul_pd(_mm256_sub_pd(cu, _mm256_set1_pd(s.cover_ox)), ci);
+        sy = _mm256_mul_pd(_mm256_sub_pd(cv, _mm256_set1_pd(s.cover_oy)), ci);
+      } else {
+        const __m256d cs = _mm256_set1_pd(s.cover_scale);
+        sx = _mm256_div_pd(_mm256_sub_pd(cu, _mm256_set1_pd(s.cover_ox)), cs);
+        sy = _mm256_div_pd(_mm256_sub_pd(cv, _mm256_set1_pd(s.cover_oy)), cs);
+      }
+      act = _mm256_and_pd(act, _mm256_cmp_pd(sx, zero, _CMP_GE_OQ));
+      act = _mm256_and_pd(act, _mm256_cmp_pd(sx, _mm256_set1_pd(s.dsw), _CMP_LT_OQ));
+      act = _mm256_and_pd(act, _mm256_cmp_pd(sy, zero, _CMP_GE_OQ));
+      act = _mm256_and_pd(act, _mm256_cmp_pd(sy, _mm256_set1_pd(s.dsh), _CMP_LT_OQ));
+      b->u[i] = sx;
+      b->v[i] = sy;
+    } else {
+      ca[i] = _mm256_mul_pd(_mm256_mul_pd(_mm256_set1_pd(255.0), m), e);
+    }
+    b->act[i] = act;
   }
-  if (s.mask) {
-    const __m256d col = _mm256_min_pd(
-        _mm256_max_pd(_mm256_round_pd(u, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC), zero), _mm256_set1_pd(1279.0));
-    const __m256d row = _mm256_min_pd(
-        _mm256_max_pd(_mm256_round_pd(v, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC), zero), _mm256_set1_pd(719.0));
-    const __m128i idx =
-        _mm_add_epi32(_mm_mullo_epi32(_mm256_cvttpd_epi32(row), _mm_set1_epi32(1280)), _mm256_cvttpd_epi32(col));
-    alignas(16) int32_t ix[4];
-    _mm_store_si128(reinterpret_cast<__m128i*>(ix), idx);
-    const __m128i bytes = _mm_set_epi32(s.mask[ix[3]], s.mask[ix[2]], s.mask[ix[1]], s.mask[ix[0]]);
-    m = _mm256_mul_pd(_mm256_cvtepi32_pd(bytes), _mm256_set1_pd(kInv255));
-    act = _mm256_and_pd(act, _mm256_cmp_pd(m, zero, _CMP_NEQ_UQ));
-    if (!_mm256_movemask_pd(act)) return;
-  }
-  const __m256d cu = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(_mm256_set1_pd(s.ic[0]), u),
-                                                 _mm256_mul_pd(_mm256_set1_pd(s.ic[1]), v)),
-                                   _mm256_set1_pd(s.ic[2]));
-  const __m256d cv = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(_mm256_set1_pd(s.ic[3]), u),
-                                                 _mm256_mul_pd(_mm256_set1_pd(s.ic[4]), v)),
-                                   _mm256_set1_pd(s.ic[5]));
-  act = _mm256_and_pd(act, _mm256_cmp_pd(cu, zero, _CMP_GE_OQ));
-  act = _mm256_and_pd(act, _mm256_cmp_pd(cu, _mm256_set1_pd(kSurfW), _CMP_LT_OQ));
-  act = _mm256_and_pd(act, _mm256_cmp_pd(cv, zero, _CMP_GE_OQ));
-  act = _mm256_and_pd(act, _mm256_cmp_pd(cv, _mm256_set1_pd(kSurfH), _CMP_LT_OQ));
-  if (!_mm256_movemask_pd(act)) return;
-  __m256d cr, cg, cb, ca;
-  const __m256d me = _mm256_mul_pd(m, e);
-  if (s.kind == FILL_SOLID) {
-    cr = _mm256_set1_pd(s.cr);
-    cg = _mm256_set1_pd(s.cg);
-    cb = _mm256_set1_pd(s.cb);
-    ca = _mm256_mul_pd(me, _mm256_set1_pd(s.ca));
-  } else if (s.kind == FILL_PIXELS) {
-    const __m256d cs = _mm256_set1_pd(s.cover_scale);
-    const __m256d sx = _mm256_div_pd(_mm256_sub_pd(cu, _mm256_set1_pd(s.cover_ox)), cs);
-    const __m256d sy = _mm256_div_pd(_mm256_sub_pd(cv, _mm256_set1_pd(s.cover_oy)), cs);
-    act = _mm256_and_pd(act, _mm256_cmp_pd(sx, zero, _CMP_GE_OQ));
-    act = _mm256_and_pd(act, _mm256_cmp_pd(sx, _mm256_set1_pd(s.dsw), _CMP_LT_OQ));
-    act = _mm256_and_pd(act, _mm256_cmp_pd(sy, zero, _CMP_GE_OQ));
-    act = _mm256_and_pd(act, _mm256_cmp_pd(sy, _mm256_set1_pd(s.dsh), _CMP_LT_OQ));
-    if (!_mm256_movemask_pd(act)) return;
-    __m256d sa;
-    v_sample(s, sx, sy, &cr, &cg, &cb, &sa);
-    ca = _mm256_mul_pd(me, sa);
+  // Pass 2: the colours. Without ellipse and mask, m e is 1 and m e a is a
+  // itself.
+  const bool plain_me = !s.ellipse && !s.mask;
+  __m256d cr[kBatch], cg[kBatch], cb[kBatch];
+  if (s.kind == FILL_PIXELS) {
+    for (int i = 0; i < n; i++) {
+      if (!_mm256_movemask_pd(b->act[i])) continue;
+      __m256d sa;
+      v_sample(s, b->u[i], b->v[i], &cr[i], &cg[i], &cb[i], &sa);
+      ca[i] = plain_me ? sa : _mm256_mul_pd(me[i], sa);
+    }
   } else {
-    cr = cg = cb = _mm256_set1_pd(51.0);
-    ca = _mm256_mul_pd(_mm256_mul_pd(_mm256_set1_pd(255.0), m), e);
+    const __m256d r = _mm256_set1_pd(s.kind == FILL_SOLID ? s.cr : 51.0);
+    const __m256d g = _mm256_set1_pd(s.kind == FILL_SOLID ? s.cg : 51.0);
+    const __m256d bl = _mm256_set1_pd(s.kind == FILL_SOLID ? s.cb : 51.0);
+    for (int i = 0; i < n; i++) {
+      cr[i] = r;
+      cg[i] = g;
+      cb[i] = bl;
+    }
   }
-  act = _mm256_and_pd(act, _mm256_cmp_pd(ca, zero, _CMP_GT_OQ));
-  v_blend(px, cr, cg, cb, ca, aK, s.luma, act);
+  // Pass 3: the blends. Apart, the samples of pass 2 overlap better.
+  for (int i = 0; i < n; i++) {
+    if (!_mm256_movemask_pd(b->act[i])) continue;
+    const __m256d aK = _mm256_mul_pd(b->alpha[i], _mm256_set1_pd(kInv255));
+    const __m256d act = _mm256_and_pd(b->act[i], _mm256_cmp_pd(ca[i], zero, _CMP_GT_OQ));
+    v_blend(b->px[i], cr[i], cg[i], cb[i], ca[i], aK, s.luma, act);
+  }
 }
 
 KVL_AVX2 void cell_span_avx2(const shade& s, const double* m, int32_t y, int32_t xa, int32_t xb, uint8_t* row) {
@@ -514,14 +614,22 @@ KVL_AVX2 void cell_span_avx2(const shade& s, const double* m, int32_t y, int32_t
   const __m256d alpha = _mm256_set1_pd(s.opacity);
   const __m256d all = _mm256_castsi256_pd(_mm256_set1_epi64x(-1));
   const __m128i lane = _mm_set_epi32(3, 2, 1, 0);
+  v_batch b;
   int32_t x = xa;
-  for (; x + 4 <= xb; x += 4) {
-    const __m256d cx =
-        _mm256_add_pd(_mm256_cvtepi32_pd(_mm_add_epi32(_mm_set1_epi32(x), lane)), _mm256_set1_pd(0.5));
-    const __m256d w = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(m6, cx), m7cy), m8);
-    const __m256d u = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(m0, cx), m1cy), m2), w);
-    const __m256d v = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(m3, cx), m4cy), m5), w);
-    v_shade(s, u, v, alpha, all, row + 4 * static_cast<ptrdiff_t>(x));
+  while (x + 4 <= xb) {
+    int n = 0;
+    for (; n < kBatch && x + 4 <= xb; x += 4, n++) {
+      const __m256d cx =
+          _mm256_add_pd(_mm256_cvtepi32_pd(_mm_add_epi32(_mm_set1_epi32(x), lane)), _mm256_set1_pd(0.5));
+      const __m256d w = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(m6, cx), m7cy), m8);
+      b.u[n] = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(m0, cx), m1cy), m2), w);
+      b.v[n] = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(m3, cx), m4cy), m5), w);
+      b.alpha[n] = alpha;
+      b.act[n] = all;
+      b.px[n] = row + 4 * static_cast<ptrdiff_t>(x);
+    }
+    b.n = n;
+    v_shade_batch(s, &b);
   }
   for (; x < xb; x++) cell_pixel(s, m, x + 0.5, cy, s.opacity, row + 4 * static_cast<ptrdiff_t>(x));
 }
@@ -533,20 +641,31 @@ KVL_AVX2 void poly_span_avx2(const shade& s, const kvl_prep* p, double v, int32_
   const __m256d k = _mm256_set1_pd(kInv255 * s.opacity);
   const __m256d vv = _mm256_set1_pd(v);
   const __m128i lane = _mm_set_epi32(3, 2, 1, 0);
+  v_batch b;
   int32_t x = xa;
-  for (; x + 4 <= xb; x += 4) {
-    int32_t c4;
-    memcpy(&c4, cov + (x - xa), 4);
-    if (!c4) continue;
-    const __m256d c = _mm256_cvtepi32_pd(_mm_cvtepu8_epi32(_mm_cvtsi32_si128(c4)));
-    const __m256d cx =
-        _mm256_add_pd(_mm256_cvtepi32_pd(_mm_add_epi32(_mm_set1_epi32(x), lane)), _mm256_set1_pd(0.5));
-    const __m256d u = _mm256_div_pd(_mm256_sub_pd(cx, ox), sc);
-    __m256d act = _mm256_cmp_pd(c, zero, _CMP_NEQ_OQ);
-    act = _mm256_and_pd(act, _mm256_cmp_pd(u, zero, _CMP_GE_OQ));
-    act = _mm256_and_pd(act, _mm256_cmp_pd(u, _mm256_set1_pd(kSurfW), _CMP_LT_OQ));
-    if (!_mm256_movemask_pd(act)) continue;
-    v_shade(s, u, vv, _mm256_mul_pd(c, k), act, row + 4 * static_cast<ptrdiff_t>(x));
+  while (x + 4 <= xb) {
+    int n = 0;
+    for (; n < kBatch && x + 4 <= xb; x += 4) {
+      int32_t c4;
+      memcpy(&c4, cov + (x - xa), 4);
+      if (!c4) continue;
+      const __m256d c = _mm256_cvtepi32_pd(_mm_cvtepu8_epi32(_mm_cvtsi32_si128(c4)));
+      const __m256d cx =
+          _mm256_add_pd(_mm256_cvtepi32_pd(_mm_add_epi32(_mm_set1_epi32(x), lane)), _mm256_set1_pd(0.5));
+      const __m256d u = _mm256_div_pd(_mm256_sub_pd(cx, ox), sc);
+      __m256d act = _mm256_cmp_pd(c, zero, _CMP_NEQ_OQ);
+      act = _mm256_and_pd(act, _mm256_cmp_pd(u, zero, _CMP_GE_OQ));
+      act = _mm256_and_pd(act, _mm256_cmp_pd(u, _mm256_set1_pd(kSurfW), _CMP_LT_OQ));
+      if (!_mm256_movemask_pd(act)) continue;
+      b.u[n] = u;
+      b.v[n] = vv;
+      b.alpha[n] = _mm256_mul_pd(c, k);
+      b.act[n] = act;
+      b.px[n] = row + 4 * static_cast<ptrdiff_t>(x);
+      n++;
+    }
+    b.n = n;
+    if (n) v_shade_batch(s, &b);
   }
   if (x < xb) poly_span_plain(s, p, v, x, xb, cov + (x - xa), row);
 }
@@ -582,6 +701,383 @@ KVL_AVX2 void reblend_span_avx2(const uint8_t* band, uint8_t* row, int32_t n, bo
                                 luma, opacity);
 }
 
+// ---------------------------------------------------------------------------
+// AVX-512 kernels: the same passes over eight pixels at a time, for processors
+// that have it. The lanes compute exactly what the four-wide code computes;
+// only the lane count and the way masks are held differ. The last group of a
+// span may be partial: its missing lanes are masked off, loads and stores
+// included.
+
+#define KVL_AVX512 __attribute__((target("avx2,avx512f,avx512vl,avx512dq")))
+#define KVL_AVX512_INLINE __attribute__((target("avx2,avx512f,avx512vl,avx512dq"), always_inline)) inline
+
+KVL_AVX512_INLINE __m512d w_round(__m512d x) {
+  const __m512d t = _mm512_roundscale_pd(x, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC);
+  const __mmask8 up = _mm512_cmp_pd_mask(_mm512_sub_pd(x, t), _mm512_set1_pd(0.5), _CMP_GE_OQ);
+  return _mm512_mask_add_pd(t, up, t, _mm512_set1_pd(1.0));
+}
+
+KVL_AVX512_INLINE __m512d w_channel(__m256i px, int shift) {
+  return _mm512_cvtepi32_pd(_mm256_and_si256(_mm256_srli_epi32(px, shift), _mm256_set1_epi32(255)));
+}
+
+KVL_AVX512_INLINE __m512d w_alpha(__m256i px) { return _mm512_cvtepi32_pd(_mm256_srli_epi32(px, 24)); }
+
+// v_blend() for eight pixels; only the lanes of `act` are read and stored.
+KVL_AVX512_INLINE void w_blend(uint8_t* px, __m512d cr, __m512d cg, __m512d cb, __m512d ca, __m512d aK, bool luma,
+                               __mmask8 act) {
+  const __m512d zero = _mm512_setzero_pd(), one = _mm512_set1_pd(1.0);
+  __m512d t = _mm512_mul_pd(aK, ca);
+  if (luma) {
+    __m512d y = _mm512_add_pd(_mm512_mul_pd(_mm512_set1_pd(0.598), cr), _mm512_mul_pd(_mm512_set1_pd(1.174), cg));
+    y = _mm512_add_pd(y, _mm512_mul_pd(_mm512_set1_pd(0.228), cb));
+    y = _mm512_sub_pd(_mm512_mul_pd(y, _mm512_set1_pd(kInv255)), _mm512_set1_pd(0.04));
+    y = _mm512_min_pd(_mm512_max_pd(y, zero), one);
+    t = _mm512_mul_pd(t, y);
+  }
+  act &= _mm512_cmp_pd_mask(t, zero, _CMP_GT_OQ);
+  if (!act) return;
+  t = _mm512_min_pd(t, one);
+  // Masked: the last group of a span may reach past the frame's last pixel.
+  const __m256i old = _mm256_maskz_loadu_epi32(act, px);
+  const __m512d dr = w_channel(old, 0), dg = w_channel(old, 8), db = w_channel(old, 16);
+  const __m256i olda = _mm256_srli_epi32(old, 24);
+  const __m512d da = _mm512_mul_pd(_mm512_cvtepi32_pd(olda), _mm512_set1_pd(kInv255));
+  const __mmask8 opaque = _mm512_cmp_pd_mask(da, one, _CMP_GE_OQ);
+  const __m512d omt = _mm512_sub_pd(one, t);
+  __m512d r = w_round(_mm512_add_pd(_mm512_mul_pd(omt, dr), _mm512_mul_pd(t, cr)));
+  __m512d g = w_round(_mm512_add_pd(_mm512_mul_pd(omt, dg), _mm512_mul_pd(t, cg)));
+  __m512d b = w_round(_mm512_add_pd(_mm512_mul_pd(omt, db), _mm512_mul_pd(t, cb)));
+  __m256i a = olda;
+  if ((opaque & act) != act) {
+    const __m512d oa = _mm512_add_pd(t, _mm512_mul_pd(da, omt));
+    act &= static_cast<__mmask8>(opaque | _mm512_cmp_pd_mask(oa, zero, _CMP_GT_OQ));
+    if (!act) return;
+    const __m512d ws = _mm512_div_pd(t, oa), wd = _mm512_div_pd(_mm512_mul_pd(da, omt), oa);
+    const __m512d r2 = w_round(_mm512_add_pd(_mm512_mul_pd(wd, dr), _mm512_mul_pd(ws, cr)));
+    const __m512d g2 = w_round(_mm512_add_pd(_mm512_mul_pd(wd, dg), _mm512_mul_pd(ws, cg)));
+    const __m512d b2 = w_round(_mm512_add_pd(_mm512_mul_pd(wd, db), _mm512_mul_pd(ws, cb)));
+    const __m512d a2 = w_round(_mm512_mul_pd(_mm512_set1_pd(255.0), oa));
+    r = _mm512_mask_blend_pd(opaque, r2, r);
+    g = _mm512_mask_blend_pd(opaque, g2, g);
+    b = _mm512_mask_blend_pd(opaque, b2, b);
+    a = _mm256_mask_blend_epi32(opaque, _mm512_cvttpd_epi32(a2), olda);
+  }
+  __m256i outv = _mm512_cvttpd_epi32(r);
+  outv = _mm256_or_si256(outv, _mm256_slli_epi32(_mm512_cvttpd_epi32(g), 8));
+  outv = _mm256_or_si256(outv, _mm256_slli_epi32(_mm512_cvttpd_epi32(b), 16));
+  outv = _mm256_or_si256(outv, _mm256_slli_epi32(a, 24));
+  _mm256_mask_storeu_epi32(px, act, outv);
+}
+
+// v_sample() for eight lanes comes in two steps, w_fetch() and w_mix(), run
+// as two passes over a batch: the texel loads of one group then hide behind
+// those of the others. w_texels holds what passes between them: the four
+// texels of each lane and their bilinear weights.
+struct w_texels {
+  __m512d w00, w10, w01, w11;
+  __m256i t00, t10, t01, t11;
+};
+
+// The first half of sample_src() for eight lanes: texels and weights. Lanes
+// outside the caller's mask may hold anything; their texel indices are
+// clamped into the image all the same.
+KVL_AVX512_INLINE void w_fetch(const shade& s, __m512d x, __m512d y, w_texels* out) {
+  const __m512d one = _mm512_set1_pd(1.0), half = _mm512_set1_pd(0.5);
+  const __m512d fx = _mm512_sub_pd(x, half), fy = _mm512_sub_pd(y, half);
+  const __m512d flx = _mm512_roundscale_pd(fx, _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC);
+  const __m512d fly = _mm512_roundscale_pd(fy, _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC);
+  const __m512d tx = _mm512_sub_pd(fx, flx), ty = _mm512_sub_pd(fy, fly);
+  const __m256i ix = _mm512_cvttpd_epi32(flx), iy = _mm512_cvttpd_epi32(fly);
+  const __m256i zero = _mm256_setzero_si256(), i1 = _mm256_set1_epi32(1);
+  const __m256i wl = _mm256_set1_epi32(s.sw - 1), hl = _mm256_set1_epi32(s.sh - 1);
+  const __m256i ix1 = _mm256_add_epi32(ix, i1), iy1 = _mm256_add_epi32(iy, i1);
+  const __m256i x0 = _mm256_min_epi32(_mm256_max_epi32(ix, zero), wl);
+  const __m256i x1 = _mm256_min_epi32(_mm256_max_epi32(ix1, zero), wl);
+  const __m256i y0 = _mm256_min_epi32(_mm256_max_epi32(iy, zero), hl);
+  const __m256i y1 = _mm256_min_epi32(_mm256_max_epi32(iy1, zero), hl);
+  const __m256i w = _mm256_set1_epi32(s.sw);
+  const __m256i o0 = _mm256_add_epi32(_mm256_mullo_epi32(y0, w), x0);
+  const __m256i o1 = _mm256_add_epi32(_mm256_mullo_epi32(y1, w), x0);
+  const int* base = reinterpret_cast<const int*>(s.src);
+  __m256i t00, t10, t01, t11;
+  // Away from the image's border no clamp changed anything, and the two
+  // texels of a row are neighbours in memory: one 8-byte load a lane and row
+  // fetches both, which is cheaper than a gather. The texels are the same
+  // either way.
+  const __mmask8 unclamped = _mm256_cmpeq_epi32_mask(ix, x0) & _mm256_cmpeq_epi32_mask(iy, y0) &
+                             _mm256_cmpeq_epi32_mask(ix1, x1) & _mm256_cmpeq_epi32_mask(iy1, y1);
+  // Often all eight lanes read within a run of 16 texels of the same two or
+  // three rows (the image is not shrunk much): then one 64-byte load a row
+  // and a permutation across two rows fetch all texels. A run is read whole
+  // only where it lies within the image's buffer.
+  const int32_t lx = _mm256_cvtsi256_si32(x0), hx = _mm256_extract_epi32(x0, 7);
+  const int32_t ly = _mm256_cvtsi256_si32(y0), hy = _mm256_extract_epi32(y0, 7);
+  const int32_t run = lx < hx ? lx : hx, row0 = ly < hy ? ly : hy;
+  const __m256i rel = _mm256_sub_epi32(x0, _mm256_set1_epi32(run));
+  const __m256i dy = _mm256_sub_epi32(y0, _mm256_set1_epi32(row0));
+  const bool flat = _mm256_cmpeq_epi32_mask(dy, zero) == 0xFF;
+  const int64_t end = (static_cast<int64_t>(row0) + (flat ? 1 : 2)) * s.sw + run + 16;
+  if (unclamped == 0xFF && _mm256_cmple_epu32_mask(rel, _mm256_set1_epi32(14)) == 0xFF &&
+      _mm256_cmple_epu32_mask(dy, i1) == 0xFF && end <= static_cast<int64_t>(s.sw) * s.sh) {
+    const int* p0 = base + (static_cast<ptrdiff_t>(row0) * s.sw + run);
+    const __m512i b0 = _mm512_loadu_si512(p0), b1 = _mm512_loadu_si512(p0 + s.sw);
+    const __m512i b2 = flat ? b1 : _mm512_loadu_si512(p0 + 2 * static_cast<ptrdiff_t>(s.sw));
+    // Index bit 4 picks the second of the two rows for lanes one row down.
+    const __m256i n0 = _mm256_add_epi32(rel, _mm256_slli_epi32(dy, 4));
+    const __m512i w0 = _mm512_castsi256_si512(n0), w1 = _mm512_castsi256_si512(_mm256_add_epi32(n0, i1));
+    t00 = _mm512_castsi512_si256(_mm512_permutex2var_epi32(b0, w0, b1));
+    t10 = _mm512_castsi512_si256(_mm512_permutex2var_epi32(b0, w1, b1));
+    t01 = _mm512_castsi512_si256(_mm512_permutex2var_epi32(b1, w0, b2));
+    t11 = _mm512_castsi512_si256(_mm512_permutex2var_epi32(b1, w1, b2));
+  } else if (unclamped == 0xFF) {
+    alignas(32) int32_t off[2][8];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(off[0]), o0);
+    _mm256_store_si256(reinterpret_cast<__m256i*>(off[1]), o1);
+    auto pair = [&](int32_t lo, int32_t hi) {
+      return _mm_castpd_ps(_mm_loadh_pd(_mm_castsi128_pd(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(base + lo))),
+                                        reinterpret_cast<const double*>(base + hi)));
+    };
+    __m256i t[2][2];
+    for (int rr = 0; rr < 2; rr++) {
+      const int32_t* o = off[rr];
+      // Lanes 0, 1, 4, 5 in one register and 2, 3, 6, 7 in the other, so
+      // that the in-lane shuffles below put the texels back in lane order.
+      const __m256 lo = _mm256_insertf128_ps(_mm256_castps128_ps256(pair(o[0], o[1])), pair(o[4], o[5]), 1);
+      const __m256 hi = _mm256_insertf128_ps(_mm256_castps128_ps256(pair(o[2], o[3])), pair(o[6], o[7]), 1);
+      t[rr][0] = _mm256_castps_si256(_mm256_shuffle_ps(lo, hi, _MM_SHUFFLE(2, 0, 2, 0)));
+      t[rr][1] = _mm256_castps_si256(_mm256_shuffle_ps(lo, hi, _MM_SHUFFLE(3, 1, 3, 1)));
+    }
+    t00 = t[0][0];
+    t10 = t[0][1];
+    t01 = t[1][0];
+    t11 = t[1][1];
+  } else {
+    const __m256i d = _mm256_sub_epi32(x1, x0);
+    t00 = _mm256_i32gather_epi32(base, o0, 4);
+    t10 = _mm256_i32gather_epi32(base, _mm256_add_epi32(o0, d), 4);
+    t01 = _mm256_i32gather_epi32(base, o1, 4);
+    t11 = _mm256_i32gather_epi32(base, _mm256_add_epi32(o1, d), 4);
+  }
+  const __m512d omtx = _mm512_sub_pd(one, tx), omty = _mm512_sub_pd(one, ty);
+  out->w00 = _mm512_mul_pd(omtx, omty);
+  out->w10 = _mm512_mul_pd(tx, omty);
+  out->w01 = _mm512_mul_pd(omtx, ty);
+  out->w11 = _mm512_mul_pd(tx, ty);
+  out->t00 = t00;
+  out->t10 = t10;
+  out->t01 = t01;
+  out->t11 = t11;
+}
+
+// The rest of sample_src() for eight lanes, from their texels and weights.
+KVL_AVX512_INLINE void w_mix(const w_texels& tx, __m512d* r, __m512d* g, __m512d* b, __m512d* a) {
+  const __m512d w00 = tx.w00, w10 = tx.w10, w01 = tx.w01, w11 = tx.w11;
+  const __m256i t00 = tx.t00, t10 = tx.t10, t01 = tx.t01, t11 = tx.t11;
+  const __m512d a00 = w_alpha(t00), a10 = w_alpha(t10), a01 = w_alpha(t01), a11 = w_alpha(t11);
+  __m512d sa = _mm512_add_pd(_mm512_mul_pd(w00, a00), _mm512_mul_pd(w10, a10));
+  sa = _mm512_add_pd(sa, _mm512_mul_pd(w01, a01));
+  sa = _mm512_add_pd(sa, _mm512_mul_pd(w11, a11));
+  *a = sa;
+  const __m512d q00 = _mm512_div_pd(w00, sa), q10 = _mm512_div_pd(w10, sa);
+  const __m512d q01 = _mm512_div_pd(w01, sa), q11 = _mm512_div_pd(w11, sa);
+  __m512d out[3];
+  for (int c = 0; c < 3; c++) {
+    const int sh = 8 * c;
+    __m512d acc = _mm512_add_pd(_mm512_mul_pd(_mm512_mul_pd(q00, w_channel(t00, sh)), a00),
+                                _mm512_mul_pd(_mm512_mul_pd(q10, w_channel(t10, sh)), a10));
+    acc = _mm512_add_pd(acc, _mm512_mul_pd(_mm512_mul_pd(q01, w_channel(t01, sh)), a01));
+    acc = _mm512_add_pd(acc, _mm512_mul_pd(_mm512_mul_pd(q11, w_channel(t11, sh)), a11));
+    out[c] = acc;
+  }
+  *r = out[0];
+  *g = out[1];
+  *b = out[2];
+}
+
+constexpr int kWideBatch = 8;
+
+struct w_batch {
+  __m512d u[kWideBatch], v[kWideBatch], alpha[kWideBatch];
+  __mmask8 act[kWideBatch];
+  uint8_t* px[kWideBatch];
+  int n;
+};
+
+// v_shade_batch() for groups of eight pixels.
+KVL_AVX512_INLINE void w_shade_batch(const shade& s, w_batch* b) {
+  const __m512d zero = _mm512_setzero_pd(), one = _mm512_set1_pd(1.0);
+  __m512d me[kWideBatch], ca[kWideBatch];
+  const int n = b->n;
+  for (int i = 0; i < n; i++) {
+    const __m512d u = b->u[i], v = b->v[i];
+    __mmask8 act = b->act[i];
+    __m512d m = one, e = one;
+    if (s.ellipse) {
+      const __m512d du = _mm512_sub_pd(_mm512_div_pd(u, _mm512_set1_pd(kSurfW)), _mm512_set1_pd(0.5));
+      const __m512d dv = _mm512_sub_pd(_mm512_div_pd(v, _mm512_set1_pd(kSurfH)), _mm512_set1_pd(0.5));
+      const __m512d r = _mm512_sqrt_pd(_mm512_add_pd(_mm512_mul_pd(du, du), _mm512_mul_pd(dv, dv)));
+      e = _mm512_min_pd(
+          _mm512_max_pd(_mm512_sub_pd(_mm512_set1_pd(360.5), _mm512_mul_pd(_mm512_set1_pd(720.0), r)), zero), one);
+      act &= _mm512_cmp_pd_mask(e, zero, _CMP_NEQ_UQ);
+    }
+    if (s.mask && act) {
+      const __m512d col = _mm512_min_pd(
+          _mm512_max_pd(_mm512_roundscale_pd(u, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC), zero),
+          _mm512_set1_pd(1279.0));
+      const __m512d row = _mm512_min_pd(
+          _mm512_max_pd(_mm512_roundscale_pd(v, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC), zero),
+          _mm512_set1_pd(719.0));
+      const __m256i idx = _mm256_add_epi32(_mm256_mullo_epi32(_mm512_cvttpd_epi32(row), _mm256_set1_epi32(1280)),
+                                           _mm512_cvttpd_epi32(col));
+      alignas(32) int32_t ix[8];
+      _mm256_store_si256(reinterpret_cast<__m256i*>(ix), idx);
+      const __m256i bytes = _mm256_setr_epi32(s.mask[ix[0]], s.mask[ix[1]], s.mask[ix[2]], s.mask[ix[3]],
+                                              s.mask[ix[4]], s.mask[ix[5]], s.mask[ix[6]], s.mask[ix[7]]);
+      m = _mm512_mul_pd(_mm512_cvtepi32_pd(bytes), _mm512_set1_pd(kInv255));
+      act &= _mm512_cmp_pd_mask(m, zero, _CMP_NEQ_UQ);
+    }
+    const __m512d cu = _mm512_add_pd(_mm512_add_pd(_mm512_mul_pd(_mm512_set1_pd(s.ic[0]), u),
+                                                   _mm512_mul_pd(_mm512_set1_pd(s.ic[1]), v)),
+                                     _mm512_set1_pd(s.ic[2]));
+    const __m512d cv = _mm512_add_pd(_mm512_add_pd(_mm512_mul_pd(_mm512_set1_pd(s.ic[3]), u),
+                                                   _mm512_mul_pd(_mm512_set1_pd(s.ic[4]), v)),
+                                     _mm512_set1_pd(s.ic[5]));
+    act &= _mm512_cmp_pd_mask(cu, zero, _CMP_GE_OQ) & _mm512_cmp_pd_mask(cu, _mm512_set1_pd(kSurfW), _CMP_LT_OQ) &
+           _mm512_cmp_pd_mask(cv, zero, _CMP_GE_OQ) & _mm512_cmp_pd_mask(cv, _mm512_set1_pd(kSurfH), _CMP_LT_OQ);
+    me[i] = _mm512_mul_pd(m, e);
+    if (s.kind == FILL_SOLID) {
+      ca[i] = _mm512_mul_pd(me[i], _mm512_set1_pd(s.ca));
+    } else if (s.kind == FILL_PIXELS) {
+      __m512d sx, sy;
+      if (s.cover_mul) {
+        const __m512d ci = _mm512_set1_pd(s.cover_inv);
+        sx = _mm512_mul_pd(_mm512_sub_pd(cu, _mm512_set1_pd(s.cover_ox)), ci);
+        sy = _mm512_mul_pd(_mm512_sub_pd(cv, _mm512_set1_pd(s.cover_oy)), ci);
+      } else {
+        const __m512d cs = _mm512_set1_pd(s.cover_scale);
+        sx = _mm512_div_pd(_mm512_sub_pd(cu, _mm512_set1_pd(s.cover_ox)), cs);
+        sy = _mm512_div_pd(_mm512_sub_pd(cv, _mm512_set1_pd(s.cover_oy)), cs);
+      }
+      act &= _mm512_cmp_pd_mask(sx, zero, _CMP_GE_OQ) & _mm512_cmp_pd_mask(sx, _mm512_set1_pd(s.dsw), _CMP_LT_OQ) &
+             _mm512_cmp_pd_mask(sy, zero, _CMP_GE_OQ) & _mm512_cmp_pd_mask(sy, _mm512_set1_pd(s.dsh), _CMP_LT_OQ);
+      b->u[i] = sx;
+      b->v[i] = sy;
+    } else {
+      ca[i] = _mm512_mul_pd(_mm512_mul_pd(_mm512_set1_pd(255.0), m), e);
+    }
+    b->act[i] = act;
+  }
+  const bool plain_me = !s.ellipse && !s.mask;
+  __m512d cr[kWideBatch], cg[kWideBatch], cb[kWideBatch];
+  if (s.kind == FILL_PIXELS) {
+    // Fetches first, then the arithmetic: the loads of one group hide
+    // behind the others'.
+    w_texels tex[kWideBatch];
+    for (int i = 0; i < n; i++)
+      if (b->act[i]) w_fetch(s, b->u[i], b->v[i], &tex[i]);
+    for (int i = 0; i < n; i++) {
+      if (!b->act[i]) continue;
+      __m512d sa;
+      w_mix(tex[i], &cr[i], &cg[i], &cb[i], &sa);
+      ca[i] = plain_me ? sa : _mm512_mul_pd(me[i], sa);
+    }
+  } else {
+    const __m512d r = _mm512_set1_pd(s.kind == FILL_SOLID ? s.cr : 51.0);
+    const __m512d g = _mm512_set1_pd(s.kind == FILL_SOLID ? s.cg : 51.0);
+    const __m512d bl = _mm512_set1_pd(s.kind == FILL_SOLID ? s.cb : 51.0);
+    for (int i = 0; i < n; i++) {
+      cr[i] = r;
+      cg[i] = g;
+      cb[i] = bl;
+    }
+  }
+  for (int i = 0; i < n; i++) {
+    if (!b->act[i]) continue;
+    const __m512d aK = _mm512_mul_pd(b->alpha[i], _mm512_set1_pd(kInv255));
+    const __mmask8 act = b->act[i] & _mm512_cmp_pd_mask(ca[i], zero, _CMP_GT_OQ);
+    w_blend(b->px[i], cr[i], cg[i], cb[i], ca[i], aK, s.luma, act);
+  }
+}
+
+// A run of cell pixels [xa, xb) of row y. Without `cover`, every pixel blends
+// with the layer's opacity; with it, pixel xa + k blends with cover[k] as its
+// alpha, and a negative cover[k] skips the pixel.
+KVL_AVX512 void cell_span_avx512(const shade& s, const double* m, int32_t y, int32_t xa, int32_t xb, uint8_t* row,
+                                 const double* cover = nullptr) {
+  const double cy = y + 0.5;
+  const __m512d m0 = _mm512_set1_pd(m[0]), m3 = _mm512_set1_pd(m[3]), m6 = _mm512_set1_pd(m[6]);
+  const __m512d m1cy = _mm512_set1_pd(m[1] * cy), m4cy = _mm512_set1_pd(m[4] * cy), m7cy = _mm512_set1_pd(m[7] * cy);
+  const __m512d m2 = _mm512_set1_pd(m[2]), m5 = _mm512_set1_pd(m[5]), m8 = _mm512_set1_pd(m[8]);
+  const __m512d alpha = _mm512_set1_pd(s.opacity);
+  const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+  w_batch b;
+  int32_t x = xa;
+  // The last group may be partial: its lanes past xb start inactive and are
+  // neither read nor written.
+  while (x < xb) {
+    int n = 0;
+    for (; n < kWideBatch && x < xb; x += 8, n++) {
+      const __m512d cx =
+          _mm512_add_pd(_mm512_cvtepi32_pd(_mm256_add_epi32(_mm256_set1_epi32(x), lane)), _mm512_set1_pd(0.5));
+      const __m512d w = _mm512_add_pd(_mm512_add_pd(_mm512_mul_pd(m6, cx), m7cy), m8);
+      b.u[n] = _mm512_div_pd(_mm512_add_pd(_mm512_add_pd(_mm512_mul_pd(m0, cx), m1cy), m2), w);
+      b.v[n] = _mm512_div_pd(_mm512_add_pd(_mm512_add_pd(_mm512_mul_pd(m3, cx), m4cy), m5), w);
+      const __mmask8 lanes = xb - x >= 8 ? 0xFF : static_cast<__mmask8>((1u << (xb - x)) - 1);
+      if (cover) {
+        b.alpha[n] = _mm512_maskz_loadu_pd(lanes, cover + (x - xa));
+        b.act[n] = _mm512_mask_cmp_pd_mask(lanes, b.alpha[n], _mm512_setzero_pd(), _CMP_GE_OQ);
+      } else {
+        b.alpha[n] = alpha;
+        b.act[n] = lanes;
+      }
+      b.px[n] = row + 4 * static_cast<ptrdiff_t>(x);
+    }
+    b.n = n;
+    w_shade_batch(s, &b);
+  }
+}
+
+KVL_AVX512 void poly_span_avx512(const shade& s, const kvl_prep* p, double v, int32_t xa, int32_t xb,
+                                 const uint8_t* cov, uint8_t* row) {
+  const __m512d zero = _mm512_setzero_pd();
+  const __m512d ox = _mm512_set1_pd(p->poly_ox), sc = _mm512_set1_pd(p->poly_scale);
+  const __m512d k = _mm512_set1_pd(kInv255 * s.opacity);
+  const __m512d vv = _mm512_set1_pd(v);
+  const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+  w_batch b;
+  int32_t x = xa;
+  while (x < xb) {
+    int n = 0;
+    for (; n < kWideBatch && x < xb; x += 8) {
+      int64_t c8 = 0;
+      memcpy(&c8, cov + (x - xa), xb - x >= 8 ? 8 : static_cast<size_t>(xb - x));
+      if (!c8) continue;
+      const __m512d c = _mm512_cvtepi32_pd(_mm256_cvtepu8_epi32(_mm_cvtsi64_si128(c8)));
+      const __m512d cx =
+          _mm512_add_pd(_mm512_cvtepi32_pd(_mm256_add_epi32(_mm256_set1_epi32(x), lane)), _mm512_set1_pd(0.5));
+      const __m512d u = _mm512_div_pd(_mm512_sub_pd(cx, ox), sc);
+      const __mmask8 act = _mm512_cmp_pd_mask(c, zero, _CMP_NEQ_OQ) & _mm512_cmp_pd_mask(u, zero, _CMP_GE_OQ) &
+                           _mm512_cmp_pd_mask(u, _mm512_set1_pd(kSurfW), _CMP_LT_OQ);
+      if (!act) continue;
+      b.u[n] = u;
+      b.v[n] = vv;
+      b.alpha[n] = _mm512_mul_pd(c, k);
+      b.act[n] = act;
+      b.px[n] = row + 4 * static_cast<ptrdiff_t>(x);
+      n++;
+    }
+    b.n = n;
+    if (n) w_shade_batch(s, &b);
+  }
+}
+
+bool cpu_has_avx512() {
+  static const bool has = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("avx512f") &&
+                          __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512dq");
+  return has;
+}
+
 bool cpu_has_avx2() {
   static const bool has = __builtin_cpu_supports("avx2");
   return has;
@@ -589,10 +1085,12 @@ bool cpu_has_avx2() {
 
 #else
 bool cpu_has_avx2() { return false; }
+bool cpu_has_avx512() { return false; }
 #endif
 
 void cell_span(const shade& s, const double* m, int32_t y, int32_t xa, int32_t xb, uint8_t* row) {
 #if KVL_X86
+  if (s.wide) return cell_span_avx512(s, m, y, xa, xb, row);
   if (s.simd) return cell_span_avx2(s, m, y, xa, xb, row);
 #endif
   cell_span_plain(s, m, y, xa, xb, row);
@@ -742,6 +1240,32 @@ void narrow(int32_t* lo, int32_t* hi, double cross, F f) {
   }
 }
 
+// Pixels [xa, xb) of row y near an outer edge or outside the fast test:
+// each with its own coverage. Long runs (along a nearly level edge) go to
+// the eight-wide kernel with the coverage-times-opacity alphas computed here.
+void edge_run(const shade& s, const cell_edges& ce, const row_edges& re, const double* m, int32_t y, int32_t xa,
+              int32_t xb, uint8_t* row) {
+  const double cy = y + 0.5;
+#if KVL_X86
+  if (s.wide && xb - xa >= 8) {
+    double alpha[64];
+    for (int32_t a = xa; a < xb; a += 64) {
+      const int32_t n = xb - a < 64 ? xb - a : 64;
+      for (int32_t k = 0; k < n; k++) {
+        const double c = pixel_coverage(ce, re, a + k);
+        alpha[k] = c > 0.0 ? s.opacity * c : -1.0;
+      }
+      cell_span_avx512(s, m, y, a, a + n, row, alpha);
+    }
+    return;
+  }
+#endif
+  for (int32_t x = xa; x < xb; x++) {
+    const double c = pixel_coverage(ce, re, x);
+    if (c > 0.0) cell_pixel(s, m, x + 0.5, cy, s.opacity * c, row + 4 * static_cast<ptrdiff_t>(x));
+  }
+}
+
 void draw_cell(const shade& s, const kvl_cell& cell, const canvas& cv, int32_t y0, int32_t y1) {
   const int32_t ya = cell.y0 > y0 ? cell.y0 : y0, yb = cell.y1 < y1 ? cell.y1 : y1;
   const int32_t xa = cell.x0 > 0 ? cell.x0 : 0, xb = cell.x1 < cv.width ? cell.x1 : cv.width;
@@ -771,15 +1295,9 @@ void draw_cell(const shade& s, const kvl_cell& cell, const canvas& cv, int32_t y
       ga = gb = xb;
     }
     if (ga >= gb) ga = gb = sb;
-    for (int32_t x = sa; x < ga; x++) {
-      const double c = pixel_coverage(ce, re, x);
-      if (c > 0.0) cell_pixel(s, m, x + 0.5, cy, s.opacity * c, row + 4 * static_cast<ptrdiff_t>(x));
-    }
+    edge_run(s, ce, re, m, y, sa, ga, row);
     if (ga < gb) cell_span(s, m, y, ga, gb, row);
-    for (int32_t x = gb > sa ? gb : sa; x < sb; x++) {
-      const double c = pixel_coverage(ce, re, x);
-      if (c > 0.0) cell_pixel(s, m, x + 0.5, cy, s.opacity * c, row + 4 * static_cast<ptrdiff_t>(x));
-    }
+    edge_run(s, ce, re, m, y, gb > sa ? gb : sa, sb, row);
   }
 }
 
@@ -803,6 +1321,10 @@ void draw_polygon(const shade& s, const kvl_prep* p, const canvas& cv, int32_t y
         p->poly_mask + static_cast<size_t>(y - p->box_y) * static_cast<size_t>(p->box_w) + (xa - p->box_x);
     uint8_t* row = cv.row(y);
 #if KVL_X86
+    if (s.wide) {
+      poly_span_avx512(s, p, v, xa, xb, cov, row);
+      continue;
+    }
     if (s.simd) {
       poly_span_avx2(s, p, v, xa, xb, cov, row);
       continue;
@@ -841,8 +1363,9 @@ void raster_fx(const kvl_prep* p, const kvl_fx& fx, const canvas& cv, int32_t y0
 
 // One layer over rows y0..y1, with the given opacity and luma flag (a private
 // band buffer gets 1 and false).
-void draw_layer(const kvl_prep* p, const canvas& cv, int32_t y0, int32_t y1, double opacity, bool luma, bool simd) {
-  const shade s = make_shade(p, opacity, luma, simd);
+void draw_layer(const kvl_prep* p, const canvas& cv, int32_t y0, int32_t y1, double opacity, bool luma, bool simd,
+                bool wide) {
+  const shade s = make_shade(p, opacity, luma, simd, wide);
   const int32_t nb = p->behind_count < 0 ? 0 : (p->behind_count > 2 ? 2 : p->behind_count);
   const int32_t nf = p->front_count < 0 ? 0 : (p->front_count > 3 ? 3 : p->front_count);
   for (int32_t i = 0; i < nb; i++) raster_fx(p, p->behind[i], cv, y0, y1, opacity, luma, simd);
@@ -908,7 +1431,7 @@ void run_job(kvl_job* job) {
   for (int32_t i = 0; i < job->count; i++) {
     const kvl_prep* p = &job->layers[i];
     if (!p->isolate) {
-      draw_layer(p, frame, job->y0, job->y1, p->opacity, p->luma, job->simd);
+      draw_layer(p, frame, job->y0, job->y1, p->opacity, p->luma, job->simd, job->wide);
       continue;
     }
     // The layer and its effects are drawn into a zeroed private buffer and
@@ -924,7 +1447,7 @@ void run_job(kvl_job* job) {
     const canvas priv = {band, job->stride, job->y0, job->width};
     for (int32_t y = r.y0; y < r.y1; y++)
       memset(priv.row(y) + 4 * static_cast<ptrdiff_t>(r.x0), 0, 4 * static_cast<size_t>(r.x1 - r.x0));
-    draw_layer(p, priv, r.y0, r.y1, 1.0, false, job->simd);
+    draw_layer(p, priv, r.y0, r.y1, 1.0, false, job->simd, job->wide);
     for (int32_t y = r.y0; y < r.y1; y++) {
       const uint8_t* src = priv.row(y) + 4 * static_cast<ptrdiff_t>(r.x0);
       uint8_t* dst = frame.row(y) + 4 * static_cast<ptrdiff_t>(r.x0);
@@ -947,7 +1470,7 @@ void* job_thread(void* arg) {
 
 // Draws prepared layers into a frame whose background is already set.
 void composite(const kvl_prep* layers, int32_t count, uint8_t* pixels, int32_t width, int32_t height, int32_t stride,
-               int32_t threads, bool simd) {
+               int32_t threads, bool simd, bool wide = true) {
   if (height < 1) return;
   int32_t jobs = threads < 1 ? 1 : threads;
   if (jobs > height) jobs = height;
@@ -964,6 +1487,7 @@ void composite(const kvl_prep* layers, int32_t count, uint8_t* pixels, int32_t w
     job[i].y0 = static_cast<int32_t>(a < height ? a : height);
     job[i].y1 = static_cast<int32_t>(b < height ? b : height);
     job[i].simd = simd;
+    job[i].wide = simd && wide && cpu_has_avx512();
   }
   if (jobs == 1) {
     run_job(&job[0]);
@@ -983,10 +1507,11 @@ void composite(const kvl_prep* layers, int32_t count, uint8_t* pixels, int32_t w
 void fill_background(uint8_t* pixels, int32_t width, int32_t height, int32_t stride) {
   if (width < 1) return;
   static const uint8_t opaque_black[4] = {0, 0, 0, 255};
-  for (int32_t y = 0; y < height; y++) {
-    uint8_t* row = pixels + static_cast<ptrdiff_t>(y) * stride;
-    for (int32_t x = 0; x < width; x++) memcpy(row + 4 * static_cast<ptrdiff_t>(x), opaque_black, 4);
-  }
+  if (height < 1) return;
+  // The first row pixel by pixel, the others as copies of it.
+  for (int32_t x = 0; x < width; x++) memcpy(pixels + 4 * static_cast<ptrdiff_t>(x), opaque_black, 4);
+  for (int32_t y = 1; y < height; y++)
+    memcpy(pixels + static_cast<ptrdiff_t>(y) * stride, pixels, 4 * static_cast<size_t>(width));
 }
 
 }  // namespace

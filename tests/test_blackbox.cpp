@@ -1,0 +1,508 @@
+// Outside callers bind libkavlen_engine.so with dlopen/dlsym and declare the
+// records themselves, field by field. This test does exactly that: it has its
+// own copies of the records (namespace bb), reaches every function by name,
+// and reads the results through those copies, so a reordered field, a changed
+// width or a lost export breaks it even when the project's own headers still
+// agree with the code.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "kavlen/kavlen.h"  // only for the offset cross-check below
+
+namespace bb {
+
+struct kvl_vertex { double x, y; bool has_in, has_out; double in_x, in_y, out_x, out_y; };
+struct kvl_paint { int32_t kind; uint32_t argb; char* ref; };
+struct kvl_keyframe { char* prop; int64_t time_ms; double value; int32_t easing; };
+struct kvl_clip {
+  int64_t start_ms, length_ms; kvl_paint paint; double opacity;
+  int64_t fade_in_ms, fade_out_ms, trim_start_ms; double speed; bool loop; bool has_media_duration;
+  int64_t media_duration_ms;
+};
+struct kvl_modulation {
+  char* id; int32_t source; char* prop; int32_t mode; double min, max, attack_ms, release_ms;
+  bool enabled; char* track;
+};
+struct kvl_layer {
+  char* id; char* group_id; char* output; int32_t shape; int32_t vertex_count; kvl_vertex* vertices;
+  kvl_paint paint; double opacity; bool visible; bool luma_key;
+  double content_x, content_y, content_scale, content_rotation;
+  int32_t keyframe_count; kvl_keyframe* keyframes; int32_t clip_count; kvl_clip* clips;
+  bool has_mask; int32_t mask_vertex_count; kvl_vertex* mask_vertices; double mask_feather; bool mask_inverted;
+  bool has_mesh; int32_t mesh_cols, mesh_rows; double* mesh_offsets;
+  bool has_stroke, has_shadow, has_glow, has_bevel;
+  double stroke_width; uint32_t stroke_argb; double shadow_dx, shadow_dy, shadow_blur; uint32_t shadow_argb;
+  double glow_radius; uint32_t glow_argb; double bevel_depth; uint32_t bevel_highlight, bevel_shadow;
+  int32_t modulation_count; kvl_modulation* modulations;
+};
+struct kvl_group { char* id; bool visible; double opacity; };
+struct kvl_output { char* id; double width, height; };
+struct kvl_audio_clip { int64_t start_ms, length_ms, trim_start_ms, fade_in_ms, fade_out_ms; char* path; };
+struct kvl_audio_track { char* id; bool muted; bool is_input; int32_t clip_count; kvl_audio_clip* clips; };
+struct kvl_scene {
+  int32_t layer_count; kvl_layer* layers; int32_t group_count; kvl_group* groups;
+  int32_t output_count; kvl_output* outputs; int32_t track_count; kvl_audio_track* tracks;
+};
+struct kvl_resolved {
+  const kvl_layer* layer; kvl_paint paint; double opacity; bool visible; bool has_media_time;
+  double media_time_ms; double media_speed; double* vertices;
+  double content_x, content_y, content_scale, content_rotation;
+  bool has_stroke, has_shadow, has_glow, has_bevel;
+  double stroke_width; uint32_t stroke_argb; double shadow_dx, shadow_dy, shadow_blur; uint32_t shadow_argb;
+  double glow_radius; uint32_t glow_argb; double bevel_depth; uint32_t bevel_highlight, bevel_shadow;
+};
+struct kvl_media_need { const char* key; int64_t media_us; double speed; };
+struct kvl_h { double m[9]; };
+struct kvl_cache_entry { uint64_t key; uint8_t* data; uint64_t size; uint64_t last_used; };
+struct kvl_cache {
+  kvl_cache_entry* entries; int32_t count, capacity; uint64_t bytes_used, byte_budget, frame, hits, misses;
+};
+struct kvl_source { char* key; uint8_t* pixels; int32_t width, height; };
+struct kvl_sources { int32_t count; kvl_source* entries; };
+struct kvl_draw_cmd {
+  int32_t kind; const char* source_key; uint32_t argb; float inv_content[6]; float cover[3];
+  int32_t mask, ellipse, luma; float opacity; int32_t first_vertex, layer_vertex_count, clip;
+  float clip_x, clip_y, fx_x, fx_y;
+};
+struct kvl_draw_ref { const uint8_t* data; int32_t w, h; uint64_t hash; };
+struct kvl_draw_list {
+  kvl_draw_cmd* cmds; int32_t cmd_count; float* vertices; int32_t vertex_count; kvl_draw_ref* refs; int32_t ref_count;
+};
+struct kvl_audio_state { float level, bass, mid, high, beat, bpm; uint32_t beat_count, live; };
+struct kvl_signals { float frame_rate, start_ms, tempo; uint32_t frame_count; uint8_t* frames; };
+
+}  // namespace bb
+
+// The copies above must also agree with the headers that the library is built
+// from; a mismatch here points at the header, a runtime failure below at the code.
+#define SAME_AT(T, f) static_assert(offsetof(bb::T, f) == offsetof(::T, f), #T "." #f)
+#define SAME_SIZE(T) static_assert(sizeof(bb::T) == sizeof(::T), #T)
+SAME_SIZE(kvl_vertex); SAME_AT(kvl_vertex, has_in); SAME_AT(kvl_vertex, out_y);
+SAME_SIZE(kvl_paint); SAME_AT(kvl_paint, ref);
+SAME_SIZE(kvl_keyframe); SAME_AT(kvl_keyframe, easing);
+SAME_SIZE(kvl_clip); SAME_AT(kvl_clip, paint); SAME_AT(kvl_clip, speed); SAME_AT(kvl_clip, media_duration_ms);
+SAME_SIZE(kvl_modulation); SAME_AT(kvl_modulation, mode); SAME_AT(kvl_modulation, enabled); SAME_AT(kvl_modulation, track);
+SAME_SIZE(kvl_layer); SAME_AT(kvl_layer, paint); SAME_AT(kvl_layer, luma_key); SAME_AT(kvl_layer, keyframes);
+SAME_AT(kvl_layer, mask_inverted); SAME_AT(kvl_layer, mesh_offsets); SAME_AT(kvl_layer, has_bevel);
+SAME_AT(kvl_layer, shadow_argb); SAME_AT(kvl_layer, bevel_shadow); SAME_AT(kvl_layer, modulations);
+SAME_SIZE(kvl_group); SAME_SIZE(kvl_output); SAME_SIZE(kvl_audio_clip); SAME_SIZE(kvl_audio_track);
+SAME_AT(kvl_audio_track, clip_count); SAME_SIZE(kvl_scene); SAME_AT(kvl_scene, tracks);
+SAME_SIZE(kvl_resolved); SAME_AT(kvl_resolved, visible); SAME_AT(kvl_resolved, vertices);
+SAME_AT(kvl_resolved, stroke_argb); SAME_AT(kvl_resolved, bevel_shadow);
+SAME_SIZE(kvl_media_need); SAME_SIZE(kvl_h); SAME_SIZE(kvl_cache_entry); SAME_SIZE(kvl_cache);
+SAME_AT(kvl_cache, bytes_used); SAME_AT(kvl_cache, misses); SAME_SIZE(kvl_source); SAME_SIZE(kvl_sources);
+SAME_SIZE(kvl_draw_cmd); SAME_AT(kvl_draw_cmd, mask); SAME_AT(kvl_draw_cmd, clip); SAME_AT(kvl_draw_cmd, fx_y);
+SAME_SIZE(kvl_draw_ref); SAME_SIZE(kvl_draw_list); SAME_AT(kvl_draw_list, ref_count);
+SAME_SIZE(kvl_audio_state); SAME_SIZE(kvl_signals);
+static_assert(sizeof(bb::kvl_audio_state) == 32, "the analyser's result is 32 bytes");
+
+// The tests live inside bb so that the design's record names mean the copies
+// above, not the project's own declarations.
+namespace bb {
+namespace {
+
+// One dlopen for the whole program; functions are looked up by name.
+void* library() {
+  static void* so = dlopen(KAVLEN_ENGINE_SO, RTLD_NOW | RTLD_LOCAL);
+  return so;
+}
+
+template <typename F>
+F sym(const char* name) {
+  void* so = library();
+  void* p = so ? dlsym(so, name) : nullptr;
+  if (!p) {
+    // Calling through a null pointer would only crash later, without a name.
+    fprintf(stderr, "libkavlen_engine.so does not export %s\n", name);
+    abort();
+  }
+  return reinterpret_cast<F>(p);
+}
+
+using parse_fn = kvl_scene* (*)(const char*, char*, int32_t);
+using free_fn = void (*)(kvl_scene*);
+using resolve_fn = void (*)(const kvl_scene*, const kvl_layer*, double*, kvl_resolved*, double);
+using create_fn = void* (*)(const char*, int32_t, int32_t, const char*);
+using destroy_fn = void (*)(void*);
+using set_scene_fn = int32_t (*)(void*, const char*);
+using count_fn = int32_t (*)(const void*);
+using error_fn = const char* (*)();
+using media_fn = int32_t (*)(void*, int64_t, kvl_media_need*, int32_t);
+using draw_fn = const kvl_draw_list* (*)(void*, int64_t);
+using sources_fn = kvl_sources* (*)(void*);
+using set_source_fn = int32_t (*)(void*, const char*, const uint8_t*, int32_t, int32_t, int32_t);
+using declare_fn = int32_t (*)(void*, const char*, int32_t, int32_t);
+
+struct Engine {
+  void* h;
+  explicit Engine(const char* json, int w = 64, int h_ = 36, const char* out = nullptr)
+      : h(sym<create_fn>("kvl_engine_create")(json, w, h_, out)) {}
+  ~Engine() { sym<destroy_fn>("kvl_engine_destroy")(h); }
+};
+
+TEST(BlackBoxLayout, ParsedSceneReadsBackThroughTheDesignRecords) {
+  // Every value differs from its default, so a field read at the wrong offset
+  // shows up as a wrong number rather than a lucky default.
+  const char* doc = R"({
+    "outputs": [{"id": "o1", "resolution": [640, 0]}],
+    "groups": [{"id": "g", "visible": false, "opacity": 0.25}],
+    "audioTracks": [{"id": "t", "muted": true, "input": {},
+                     "clips": [{"startMs": 1, "lengthMs": 2, "trimStartMs": 3, "fadeInMs": 4, "fadeOutMs": 5,
+                                "path": "a.wav"}]}],
+    "mappings": [{
+      "id": "L", "groupId": "g", "output": "o1",
+      "shape": {"kind": "triangle", "vertices": [[0.1, 0.2], {"x": 0.3, "y": 0.4, "in": [0.5], "out": [0.6, 0.7]}, 5]},
+      "paint": {"type": "asset_video", "asset": "clip.mov"},
+      "opacity": 7, "visible": false, "lumaKey": true,
+      "content": {"x": 0.1, "y": -0.2, "scale": 3, "rotation": 45},
+      "keyframes": [{"prop": "c1y", "timeMs": -2.7, "value": 9, "easing": "hold"}],
+      "clips": [{"startMs": 10, "lengthMs": 20, "paint": {"type": "text"}, "opacity": 0.5, "fadeInMs": 1,
+                 "fadeOutMs": 2, "trimStartMs": 3, "speed": -1.5, "loop": true, "mediaDurationMs": 99.9}],
+      "mask": {"vertices": [[0, 0], [1, 0], [0, 1]], "feather": 2.5, "inverted": true},
+      "mesh": {"cols": 1.9, "rows": 2, "offsets": [[1,2],[3,4],[5,6],[7,8],[9,10],[11,12]]},
+      "effects": {"shadow": {"dx": 1, "dy": 2, "blur": 3, "argb": 4294967296}, "bevel": {"highlight": -1}},
+      "modulations": [{"source": "x"}, {"id": "m", "source": "beat", "prop": "opacity", "mode": "add",
+                        "min": 0.1, "max": 0.9, "attackMs": 1.5, "releaseMs": 2.5, "enabled": false, "track": "t"}]
+    }]})";
+  char err[64] = "untouched";
+  kvl_scene* s = sym<parse_fn>("kvl_scene_parse")(doc, err, sizeof err);
+  ASSERT_NE(s, nullptr) << err;
+  ASSERT_EQ(s->output_count, 1);
+  EXPECT_STREQ(s->outputs[0].id, "o1");
+  EXPECT_EQ(s->outputs[0].width, 640.0);
+  EXPECT_EQ(s->outputs[0].height, 1080.0);
+  ASSERT_EQ(s->group_count, 1);
+  EXPECT_FALSE(s->groups[0].visible);
+  EXPECT_EQ(s->groups[0].opacity, 0.25);
+  ASSERT_EQ(s->track_count, 1);
+  const kvl_audio_track& t = s->tracks[0];
+  EXPECT_TRUE(t.muted);
+  EXPECT_TRUE(t.is_input);
+  ASSERT_EQ(t.clip_count, 1);
+  EXPECT_EQ(t.clips[0].trim_start_ms, 3);
+  EXPECT_EQ(t.clips[0].fade_out_ms, 5);
+  EXPECT_STREQ(t.clips[0].path, "a.wav");
+
+  ASSERT_EQ(s->layer_count, 1);
+  const kvl_layer& l = s->layers[0];
+  EXPECT_STREQ(l.id, "L");
+  EXPECT_STREQ(l.group_id, "g");
+  EXPECT_STREQ(l.output, "o1");
+  EXPECT_EQ(l.shape, 2);
+  ASSERT_EQ(l.vertex_count, 3);
+  EXPECT_EQ(l.vertices[0].y, 0.2);
+  EXPECT_FALSE(l.vertices[0].has_in);
+  EXPECT_TRUE(l.vertices[1].has_in);  // a short handle array still counts, with zero offsets
+  EXPECT_EQ(l.vertices[1].in_x, 0.0);
+  EXPECT_TRUE(l.vertices[1].has_out);
+  EXPECT_EQ(l.vertices[1].out_y, 0.7);
+  EXPECT_EQ(l.vertices[2].x, 0.0);  // neither array nor object: (0, 0)
+  EXPECT_EQ(l.paint.kind, 4);
+  EXPECT_STREQ(l.paint.ref, "clip.mov");
+  EXPECT_EQ(l.opacity, 7.0);
+  EXPECT_FALSE(l.visible);
+  EXPECT_TRUE(l.luma_key);
+  EXPECT_EQ(l.content_y, -0.2);
+  EXPECT_EQ(l.content_rotation, 45.0);
+  ASSERT_EQ(l.keyframe_count, 1);
+  EXPECT_STREQ(l.keyframes[0].prop, "c1y");
+  EXPECT_EQ(l.keyframes[0].time_ms, -2);  // toward zero
+  EXPECT_EQ(l.keyframes[0].easing, 4);
+  ASSERT_EQ(l.clip_count, 1);
+  const kvl_clip& c = l.clips[0];
+  EXPECT_EQ(c.length_ms, 20);
+  EXPECT_EQ(c.paint.kind, 5);
+  EXPECT_STREQ(c.paint.ref, "text:L#0");
+  EXPECT_EQ(c.fade_out_ms, 2);
+  EXPECT_EQ(c.trim_start_ms, 3);
+  EXPECT_EQ(c.speed, -1.5);
+  EXPECT_TRUE(c.loop);
+  EXPECT_TRUE(c.has_media_duration);
+  EXPECT_EQ(c.media_duration_ms, 99);
+  EXPECT_TRUE(l.has_mask);
+  EXPECT_EQ(l.mask_vertex_count, 3);
+  EXPECT_EQ(l.mask_feather, 2.5);
+  EXPECT_TRUE(l.mask_inverted);
+  EXPECT_TRUE(l.has_mesh);
+  EXPECT_EQ(l.mesh_cols, 1);
+  EXPECT_EQ(l.mesh_rows, 2);
+  EXPECT_EQ(l.mesh_offsets[11], 12.0);
+  EXPECT_FALSE(l.has_stroke);
+  EXPECT_TRUE(l.has_shadow);
+  EXPECT_FALSE(l.has_glow);
+  EXPECT_TRUE(l.has_bevel);
+  EXPECT_EQ(l.shadow_blur, 3.0);
+  EXPECT_EQ(l.shadow_argb, 0xFFFFFFFFu);  // saturates
+  EXPECT_EQ(l.bevel_depth, 8.0);
+  EXPECT_EQ(l.bevel_highlight, 0u);  // -1 reads as 0
+  EXPECT_EQ(l.bevel_shadow, 0xB3000000u);
+  ASSERT_EQ(l.modulation_count, 1);  // the unknown source takes no slot
+  const kvl_modulation& m = l.modulations[0];
+  EXPECT_STREQ(m.id, "m");
+  EXPECT_EQ(m.source, 4);
+  EXPECT_EQ(m.mode, 1);
+  EXPECT_EQ(m.max, 0.9);
+  EXPECT_EQ(m.release_ms, 2.5);
+  EXPECT_FALSE(m.enabled);
+  EXPECT_STREQ(m.track, "t");
+  sym<free_fn>("kvl_scene_free")(s);
+}
+
+TEST(BlackBoxLayout, ResolvedRecordOfALoopingClipInAHiddenGroup) {
+  const char* doc = R"({"groups": [{"id": "g", "visible": false, "opacity": 0.5}],
+    "mappings": [{"id": "v", "groupId": "g", "corners": [[0,0],[1,0],[1,1],[0,1]],
+      "effects": {"glow": {"argb": 16}},
+      "keyframes": [{"prop": "glowRadius", "timeMs": 0, "value": 10}, {"prop": "glowRadius", "timeMs": 4000, "value": 50},
+                    {"prop": "c2x", "timeMs": 0, "value": 0.75}],
+      "clips": [{"startMs": 1000, "lengthMs": 10000, "paint": {"type": "video", "path": "m.mp4"}, "opacity": 0.8,
+                 "trimStartMs": 1000, "speed": 2, "loop": true, "mediaDurationMs": 5000}]}]})";
+  kvl_scene* s = sym<parse_fn>("kvl_scene_parse")(doc, nullptr, 0);
+  ASSERT_NE(s, nullptr);
+  double verts[8] = {};
+  kvl_resolved r;
+  memset(&r, 0xAB, sizeof r);
+  sym<resolve_fn>("kvl_layer_resolve")(s, &s->layers[0], verts, &r, 4000.0);
+  EXPECT_EQ(r.layer, &s->layers[0]);
+  EXPECT_EQ(r.paint.kind, 3);
+  EXPECT_EQ(r.paint.ref, s->layers[0].clips[0].paint.ref);  // borrowed, not copied
+  EXPECT_DOUBLE_EQ(r.opacity, 0.8 * 0.5);  // the hidden group's opacity still multiplies
+  EXPECT_FALSE(r.visible);
+  EXPECT_TRUE(r.has_media_time);
+  EXPECT_DOUBLE_EQ(r.media_time_ms, 3000.0);  // fmod(3000 * 2, 4000) + 1000
+  EXPECT_EQ(r.media_speed, 2.0);
+  EXPECT_EQ(r.vertices, verts);
+  EXPECT_EQ(verts[4], 0.75);
+  EXPECT_EQ(verts[5], 1.0);
+  EXPECT_EQ(r.content_scale, 1.0);
+  EXPECT_FALSE(r.has_stroke);
+  EXPECT_TRUE(r.has_glow);
+  EXPECT_EQ(r.glow_radius, 50.0);
+  EXPECT_EQ(r.glow_argb, 16u);
+  EXPECT_EQ(r.bevel_highlight, s->layers[0].bevel_highlight);
+  sym<free_fn>("kvl_scene_free")(s);
+}
+
+TEST(BlackBoxEngine, OutputChosenAtCreationOutlivesSceneChanges) {
+  // Created without an id, the handle binds to the first output of the scene it
+  // starts with. A later scene whose first output is another one does not move it.
+  Engine e(R"({"outputs": [{"id": "left"}], "mappings": [{"id": "a"}]})");
+  ASSERT_NE(e.h, nullptr);
+  auto count = sym<count_fn>("kvl_engine_layer_count");
+  auto set_scene = sym<set_scene_fn>("kvl_engine_set_scene");
+  EXPECT_EQ(count(e.h), 1);
+  ASSERT_EQ(set_scene(e.h, R"({"outputs": [{"id": "right"}, {"id": "left"}], "mappings": [{"id": "a"}]})"), 0);
+  EXPECT_EQ(count(e.h), 0);
+  ASSERT_EQ(set_scene(e.h, R"({"outputs": [{"id": "right"}], "mappings": [{"id": "a", "output": "left"}]})"), 0);
+  EXPECT_EQ(count(e.h), 1);
+}
+
+TEST(BlackBoxEngine, ErrorTextIsClearedOnlyByCreate) {
+  auto last_error = sym<error_fn>("kvl_last_error");
+  Engine e("{}");
+  ASSERT_NE(e.h, nullptr);
+  auto set_scene = sym<set_scene_fn>("kvl_engine_set_scene");
+  EXPECT_EQ(set_scene(e.h, "[1, 2"), -2);
+  const std::string message = last_error();
+  EXPECT_EQ(message.rfind("JSON inválido perto de: ", 0), 0u) << message;
+  EXPECT_EQ(set_scene(e.h, nullptr), -1);
+  EXPECT_EQ(set_scene(nullptr, "{}"), -1);
+  EXPECT_EQ(set_scene(e.h, "{}"), 0);
+  EXPECT_EQ(message, last_error());  // neither a null argument nor a success touches it
+  // 40 bytes of the tail at most, however long the rest of the text is.
+  std::string tail(100, 'x');
+  EXPECT_EQ(set_scene(e.h, ("{\"a\": \"" + tail).c_str()), -2);
+  EXPECT_LE(strlen(last_error()), strlen("JSON inválido perto de: ") + 40);
+}
+
+TEST(BlackBoxEngine, MediaNeedsFollowResolvedVisibilityAndRoundAwayFromZero) {
+  // Speeds this small put the media position between whole microseconds, so
+  // truncation and rounding give different answers.
+  const char* doc = R"({"groups": [{"id": "off", "visible": false}],
+    "mappings": [
+      {"id": "hidden", "groupId": "off", "paint": {"type": "video", "path": "a.mp4"}},
+      {"id": "c", "paint": {"type": "color"}},
+      {"id": "up", "opacity": 0, "clips": [{"lengthMs": 100, "speed": 0.0009, "paint": {"type": "video", "path": "a.mp4"}}]},
+      {"id": "down", "clips": [{"lengthMs": 100, "speed": -0.0009, "paint": {"type": "asset_video", "asset": "b"}}]},
+      {"id": "t", "paint": {"type": "text"}},
+      {"id": "again", "paint": {"type": "video", "path": "a.mp4"}}
+    ]})";
+  Engine e(doc);
+  ASSERT_NE(e.h, nullptr);
+  auto media_at = sym<media_fn>("kvl_engine_media_at");
+  kvl_media_need need[8];
+  memset(need, 0, sizeof need);
+  ASSERT_EQ(media_at(e.h, 1000, need, 8), 3);
+  EXPECT_STREQ(need[0].key, "a.mp4");
+  EXPECT_EQ(need[0].media_us, 1);  // 0.9 us
+  EXPECT_DOUBLE_EQ(need[0].speed, 0.0009);
+  EXPECT_STREQ(need[1].key, "b");
+  EXPECT_EQ(need[1].media_us, -1);  // -0.9 us
+  EXPECT_STREQ(need[2].key, "text:t");
+  EXPECT_EQ(need[2].media_us, 0);
+  EXPECT_EQ(need[2].speed, 1.0);
+  // With no room nothing is compared: every visible layer with a key counts.
+  EXPECT_EQ(media_at(e.h, 1000, nullptr, 0), 4);
+}
+
+TEST(BlackBoxEngine, MediaPositionsBeyondTheRangeOfMicrosecondsSaturate) {
+  // A document may give any speed; the position in microseconds must still be
+  // a defined number with the sign of the position, not a wrapped one.
+  const char* doc = R"({"mappings": [
+      {"id": "f", "clips": [{"lengthMs": 100, "speed": 1e300, "paint": {"type": "video", "path": "f"}}]},
+      {"id": "b", "clips": [{"lengthMs": 100, "speed": -1e300, "paint": {"type": "video", "path": "b"}}]},
+      {"id": "n", "clips": [{"lengthMs": 100, "speed": 1e999, "paint": {"type": "video", "path": "n"}}]}]})";
+  Engine e(doc);
+  ASSERT_NE(e.h, nullptr);
+  kvl_media_need need[3];
+  ASSERT_EQ(sym<media_fn>("kvl_engine_media_at")(e.h, 1000, need, 3), 3);
+  EXPECT_EQ(need[0].media_us, INT64_MAX);
+  EXPECT_EQ(need[1].media_us, INT64_MIN);
+  EXPECT_EQ(need[2].media_us, INT64_MAX);  // an infinite speed runs to the end as well
+}
+
+TEST(BlackBoxEngine, DrawListAndSourceTableThroughTheDesignRecords) {
+  const char* doc = R"({"mappings": [
+    {"id": "a", "corners": [[0,0],[1,0],[1,1],[0,1]], "paint": {"type": "color", "argb": 4278255360}},
+    {"id": "b", "opacity": 0.5, "corners": [[0,0],[0.5,0],[0.5,0.5],[0,0.5]], "paint": {"type": "image", "path": "img"}}]})";
+  Engine e(doc, 64, 36);
+  ASSERT_NE(e.h, nullptr);
+  const uint8_t px[2 * 4] = {1, 2, 3, 4, 5, 6, 7, 8};
+  ASSERT_EQ(sym<set_source_fn>("kvl_engine_set_source")(e.h, "img", px, 2, 1, 8), 0);
+  ASSERT_EQ(sym<declare_fn>("kvl_engine_declare_source")(e.h, "later", 3, 5), 0);
+  const kvl_sources* src = sym<sources_fn>("kvl_engine_sources")(e.h);
+  ASSERT_NE(src, nullptr);
+  ASSERT_EQ(src->count, 2);
+  EXPECT_STREQ(src->entries[0].key, "img");
+  ASSERT_NE(src->entries[0].pixels, nullptr);
+  EXPECT_EQ(src->entries[0].pixels[7], 8);
+  EXPECT_EQ(src->entries[1].pixels, nullptr);
+  EXPECT_EQ(src->entries[1].width, 3);
+  EXPECT_EQ(src->entries[1].height, 5);
+
+  const kvl_draw_list* list = sym<draw_fn>("kvl_engine_draw_list")(e.h, 0);
+  ASSERT_NE(list, nullptr);
+  ASSERT_EQ(list->cmd_count, 2);
+  EXPECT_EQ(list->vertex_count, 8);
+  EXPECT_EQ(list->ref_count, 0);
+  const kvl_draw_cmd& solid = list->cmds[0];
+  EXPECT_EQ(solid.kind, 1);
+  EXPECT_EQ(solid.source_key, nullptr);
+  EXPECT_EQ(solid.argb, 0xFF00FF00u);
+  EXPECT_EQ(solid.mask, -1);
+  EXPECT_EQ(solid.clip, -1);
+  EXPECT_EQ(solid.opacity, 1.0f);
+  EXPECT_EQ(solid.first_vertex, 0);
+  EXPECT_EQ(solid.layer_vertex_count, 4);
+  EXPECT_EQ(solid.inv_content[0], 1.0f);  // unscaled, unturned content
+  const kvl_draw_cmd& image = list->cmds[1];
+  EXPECT_EQ(image.source_key, src->entries[0].key);  // borrowed from the source table
+  EXPECT_EQ(image.opacity, 0.5f);
+  EXPECT_EQ(image.first_vertex, 4);
+  EXPECT_EQ(image.cover[0], 720.0f);  // max(1280 / 2, 720 / 1)
+  // Vertex 2 of the second quad: bottom right, in pixels, surface units and weight.
+  const float* v = list->vertices + (4 + 2) * 5;
+  EXPECT_FLOAT_EQ(v[0], 32.0f);
+  EXPECT_FLOAT_EQ(v[1], 18.0f);
+  EXPECT_FLOAT_EQ(v[2], 1280.0f);
+  EXPECT_FLOAT_EQ(v[3], 720.0f);
+  EXPECT_FLOAT_EQ(v[4], 1.0f);
+}
+
+TEST(BlackBoxCache, RecordFieldsFollowBudgetAndAge) {
+  auto create = sym<kvl_cache* (*)(uint64_t)>("kvl_cache_create");
+  auto destroy = sym<void (*)(kvl_cache*)>("kvl_cache_free");
+  auto begin = sym<void (*)(kvl_cache*)>("kvl_cache_begin_frame");
+  auto get = sym<uint8_t* (*)(kvl_cache*, uint64_t, uint64_t*)>("kvl_cache_get");
+  auto put = sym<uint8_t* (*)(kvl_cache*, uint64_t, uint8_t*, uint64_t, bool*)>("kvl_cache_put");
+  kvl_cache* dflt = create(0);
+  ASSERT_NE(dflt, nullptr);
+  EXPECT_EQ(dflt->byte_budget, 100663296u);
+  destroy(dflt);
+
+  kvl_cache* c = create(10);
+  ASSERT_NE(c, nullptr);
+  bool stored = true;
+  uint8_t* a = static_cast<uint8_t*>(malloc(10));
+  EXPECT_EQ(put(c, 1, a, 10, &stored), a);
+  EXPECT_TRUE(stored);
+  EXPECT_EQ(c->bytes_used, 10u);
+  EXPECT_EQ(c->count, 1);
+  EXPECT_EQ(c->capacity, 32);
+  uint8_t* b = static_cast<uint8_t*>(malloc(1));
+  EXPECT_EQ(put(c, 2, b, 1, &stored), b);  // the current frame's entry is never evicted
+  EXPECT_FALSE(stored);
+  free(b);
+  begin(c);
+  EXPECT_EQ(c->frame, 1u);
+  b = static_cast<uint8_t*>(malloc(1));
+  EXPECT_EQ(put(c, 2, b, 1, &stored), b);
+  EXPECT_TRUE(stored);
+  EXPECT_EQ(c->count, 1);
+  EXPECT_EQ(c->entries[0].key, 2u);
+  EXPECT_EQ(c->entries[0].size, 1u);
+  EXPECT_EQ(c->entries[0].last_used, 1u);
+  EXPECT_EQ(c->bytes_used, 1u);
+  uint64_t size = 0;
+  EXPECT_EQ(get(c, 1, &size), nullptr);
+  EXPECT_EQ(get(c, 2, &size), b);
+  EXPECT_EQ(size, 1u);
+  EXPECT_EQ(c->hits, 1u);
+  EXPECT_EQ(c->misses, 1u);
+  destroy(c);
+}
+
+TEST(BlackBoxGeom, HomographyByValueMeshThroughALayerRecordAndFlatten) {
+  auto to_quad = sym<kvl_h (*)(const double*)>("kvl_h_unit_to_quad");
+  auto apply = sym<void (*)(const kvl_h*, double, double, double*, double*)>("kvl_h_apply");
+  auto invert = sym<bool (*)(const kvl_h*, kvl_h*)>("kvl_h_invert");
+  const double trapezoid[8] = {0.1, 0.1, 0.9, 0.2, 0.7, 0.8, 0.2, 0.9};
+  kvl_h h = to_quad(trapezoid);
+  EXPECT_NE(h.m[6], 0.0);
+  EXPECT_EQ(h.m[8], 1.0);
+  double x = 0, y = 0;
+  apply(&h, 1, 1, &x, &y);
+  EXPECT_NEAR(x, 0.7, 1e-12);
+  EXPECT_NEAR(y, 0.8, 1e-12);
+  kvl_h zero{}, out{};
+  out.m[4] = 42;
+  EXPECT_FALSE(invert(&zero, &out));
+  EXPECT_EQ(out.m[4], 42.0);
+
+  // The mesh routines read a layer record: only the mesh fields matter.
+  kvl_layer mesh{};
+  double offsets[8] = {0.1, 0.2, 0.3, 0.4, 0.5, 0.6, 0.7, 0.8};
+  mesh.has_mesh = true;
+  mesh.mesh_cols = 1;
+  mesh.mesh_rows = 1;
+  mesh.mesh_offsets = offsets;
+  auto offset_at = sym<void (*)(const kvl_layer*, double, double, double*, double*)>("kvl_mesh_offset_at");
+  double dx = 0, dy = 0;
+  offset_at(&mesh, 1, 1, &dx, &dy);
+  EXPECT_DOUBLE_EQ(dx, 0.7);
+  EXPECT_DOUBLE_EQ(dy, 0.8);
+  mesh.mesh_cols = 12;
+  EXPECT_EQ(sym<int32_t (*)(const kvl_layer*)>("kvl_mesh_subdivisions")(&mesh), 1);
+
+  auto flatten = sym<int32_t (*)(const kvl_vertex*, int32_t, double**)>("kvl_flatten");
+  kvl_vertex quad[4] = {};
+  quad[1].x = 1;
+  quad[2].x = quad[2].y = 1;
+  quad[3].y = 1;
+  quad[3].has_out = true;
+  quad[3].out_x = 0.5;
+  double* pts = nullptr;
+  ASSERT_EQ(flatten(quad, 4, &pts), 19);
+  EXPECT_EQ(pts[2 * 3], 0.0);  // the curved edge starts at vertex 3
+  EXPECT_EQ(pts[2 * 3 + 1], 1.0);
+  free(pts);
+}
+
+}  // namespace
+}  // namespace bb

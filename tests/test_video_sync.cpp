@@ -1,0 +1,364 @@
+// Output videos against real players on real movies: the sync rule's seeks
+// and rates with its drift limits, the loop at the item's end, frames as GL
+// textures, and the renderer opening, declaring, drawing and closing videos.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "gl_video_source.h"
+#include "gpu_test_util.h"
+#include "video_test_media.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using gputest::GpuTest;
+using gputest::Picture;
+
+struct FakeClock {
+  std::shared_ptr<std::atomic<double>> now = std::make_shared<std::atomic<double>>(50.0);
+  VideoPlayer::Options options() const {
+    VideoPlayer::Options o;
+    auto n = now;
+    o.hostClock = [n] { return n->load(); };
+    return o;
+  }
+  void advance(double s) { now->store(now->load() + s); }
+};
+
+bool waitUntil(const std::function<bool()>& cond, std::chrono::milliseconds limit = 10s) {
+  auto end = std::chrono::steady_clock::now() + limit;
+  while (std::chrono::steady_clock::now() < end) {
+    if (cond()) return true;
+    std::this_thread::sleep_for(2ms);
+  }
+  return cond();
+}
+
+std::vector<uint8_t> readTexture(GLuint tex, int32_t w, int32_t h) {
+  GLuint fbo = 0;
+  glGenFramebuffers(1, &fbo);
+  glBindFramebuffer(GL_FRAMEBUFFER, fbo);
+  glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, tex, 0);
+  std::vector<uint8_t> px(static_cast<size_t>(w) * h * 4);
+  glPixelStorei(GL_PACK_ALIGNMENT, 1);
+  glReadPixels(0, 0, w, h, GL_RGBA, GL_UNSIGNED_BYTE, px.data());
+  glBindFramebuffer(GL_FRAMEBUFFER, 0);
+  glDeleteFramebuffers(1, &fbo);
+  return px;
+}
+
+// The index the source's texture shows, updating it until `want` shows or
+// two seconds pass.
+int32_t textureIndex(GlVideoSource& v, int32_t want) {
+  int32_t got = -2;
+  waitUntil(
+      [&] {
+        v.update();
+        if (!v.texture()) return false;
+        got = videotest::indexOfRgba(readTexture(v.texture(), v.width(), v.height()).data(), v.width(), v.height());
+        return got == want;
+      },
+      2s);
+  return got;
+}
+
+const kvl_source* sourceOf(kvl_engine* e, const char* key) {
+  const kvl_sources* s = kvl_engine_sources(e);
+  for (int32_t i = 0; s && i < s->count; i++)
+    if (std::strcmp(s->entries[i].key, key) == 0) return &s->entries[i];
+  return nullptr;
+}
+
+class VideoSync : public GpuTest {
+ protected:
+  std::string makeClip(const std::string& key, const videotest::Clip& c = {}) {
+    std::string path = media + "/" + key;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    EXPECT_TRUE(videotest::makeClip(path, c)) << "ffmpeg failed for " << key;
+    return path;
+  }
+};
+
+}  // namespace
+
+TEST(VideoKeys, NineExtensionsInAnyCase) {
+  for (const char* k : {"a.mp4", "b.MOV", "c/d.m4v", "e.webm", "f.MKV", "g.avi", "h.mpg", "i.mpeg", "j.3gp"})
+    EXPECT_TRUE(isVideoMediaKey(k)) << k;
+  for (const char* k : {"a.png", "mp4", "dir.mp4/file", "x.mp", "x.mp44", "text:mp4", "a.mp4.txt", "dir/.mp4", ""})
+    EXPECT_FALSE(isVideoMediaKey(k)) << k;
+}
+
+TEST_F(VideoSync, DriftLimitsDecideTheSeeks) {
+  FakeClock clock;
+  GlVideoSource v(makeClip("drift.mp4"), clock.options());
+  ASSERT_EQ(v.player().waitOpened(10), VideoPlayer::Status::Ready);
+  auto current = [&] { return v.player().currentTimeUs().value_or(-1); };
+  auto settled = [&] { return waitUntil([&] { return !v.seeking(); }); };
+
+  // Paused: 40 ms of drift is allowed, one microsecond more is not.
+  v.sync(1'000'000, 1.0, false);
+  EXPECT_EQ(v.seeksStarted(), 1);
+  ASSERT_TRUE(settled());
+  EXPECT_EQ(current(), 1'000'000);
+  EXPECT_EQ(v.player().rate(), 0.0f);
+  v.sync(1'040'000, 1.0, false);
+  v.sync(960'000, 1.0, false);
+  EXPECT_EQ(v.seeksStarted(), 1);
+  v.sync(1'040'001, 1.0, false);
+  EXPECT_EQ(v.seeksStarted(), 2);
+  ASSERT_TRUE(settled());
+  EXPECT_EQ(current(), 1'040'001);
+
+  // Playing: 400 ms. The fake clock stands still, so the player's time does.
+  v.sync(1'440'001, 1.0, true);
+  EXPECT_EQ(v.seeksStarted(), 2);
+  EXPECT_EQ(v.player().rate(), 1.0f);
+  v.sync(1'440'002, 1.0, true);
+  EXPECT_EQ(v.seeksStarted(), 3);
+  ASSERT_TRUE(settled());
+  EXPECT_EQ(current(), 1'440'002);
+  EXPECT_EQ(v.player().rate(), 1.0f);
+  // The picture is the frame at that time: 1.440002 s at 30 fps is frame 43.
+  EXPECT_EQ(textureIndex(v, 43), 43);
+  EXPECT_EQ(v.width(), 320);
+  EXPECT_EQ(v.height(), 180);
+  // Colour reaches the right channels: the lower half is red.
+  std::vector<uint8_t> px = readTexture(v.texture(), 320, 180);
+  const uint8_t* red = &px[(static_cast<size_t>(135) * 320 + 160) * 4];
+  EXPECT_GT(red[0], 230);
+  EXPECT_LT(red[1], 25);
+  EXPECT_LT(red[2], 25);
+  EXPECT_EQ(red[3], 255);
+  v.teardown(true);
+  EXPECT_EQ(v.texture(), 0u);
+  EXPECT_EQ(v.player().rate(), 0.0f);
+}
+
+// The two ways a frame becomes RGBA give the same picture: the shader pass
+// (chosen on a GPU) and swscale into a pixel buffer (chosen on a software
+// rasteriser such as this machine's).
+TEST_F(VideoSync, ShaderAndProcessorConversionsAgree) {
+  std::string path = makeClip("convert.mp4");
+  FakeClock clock;
+  GlVideoSource a(path, clock.options()), b(path, clock.options());
+  a.setConversion(GlVideoSource::Conversion::Shader);
+  b.setConversion(GlVideoSource::Conversion::Processor);
+  std::vector<uint8_t> px[2];
+  GlVideoSource* both[2] = {&a, &b};
+  for (int i = 0; i < 2; i++) {
+    GlVideoSource& v = *both[i];
+    ASSERT_EQ(v.player().waitOpened(10), VideoPlayer::Status::Ready);
+    v.sync(1'250'000, 1.0, false);
+    ASSERT_TRUE(waitUntil([&] { return !v.seeking(); }));
+    ASSERT_EQ(textureIndex(v, 37), 37);
+    px[i] = readTexture(v.texture(), v.width(), v.height());
+    const uint8_t* red = &px[i][(static_cast<size_t>(135) * 320 + 160) * 4];
+    EXPECT_GT(red[0], 230);
+    EXPECT_LT(red[1], 25);
+    EXPECT_LT(red[2], 25);
+  }
+  ASSERT_EQ(px[0].size(), px[1].size());
+  // Chroma is filtered differently at the edges between colours; elsewhere
+  // the two agree to a few levels.
+  size_t apart = 0;
+  for (size_t k = 0; k < px[0].size(); k += 4) {
+    int d = 0;
+    for (int c = 0; c < 4; c++) d = std::max(d, std::abs(int(px[0][k + c]) - int(px[1][k + c])));
+    if (d > 6) apart++;
+  }
+  EXPECT_LT(apart, px[0].size() / 4 / 20) << "pixels that differ by more than 6 levels";
+  a.teardown(true);
+  b.teardown(true);
+}
+
+TEST_F(VideoSync, RateFollowsTransportAndSpeedWithinATolerance) {
+  FakeClock clock;
+  GlVideoSource v(makeClip("rates.mp4"), clock.options());
+  ASSERT_EQ(v.player().waitOpened(10), VideoPlayer::Status::Ready);
+  EXPECT_EQ(v.player().rate(), 0.0f);  // a new source waits for its first sync
+
+  v.sync(std::nullopt, 2.0, false);  // paused whatever the speed
+  EXPECT_EQ(v.player().rate(), 0.0f);
+  EXPECT_EQ(v.wantRate(), 0.0f);
+  v.sync(std::nullopt, 2.0, true);
+  EXPECT_EQ(v.player().rate(), 2.0f);
+  v.player().setRate(1.995f);
+  v.sync(std::nullopt, 2.0, true);
+  EXPECT_EQ(v.player().rate(), 1.995f);  // within 0.01: left alone
+  v.sync(std::nullopt, 1.5, true);
+  EXPECT_EQ(v.player().rate(), 1.5f);
+  v.sync(std::nullopt, -1.0, true);
+  EXPECT_EQ(v.player().rate(), -1.0f);
+  EXPECT_EQ(v.wantRate(), -1.0f);
+  // Free-running plays at normal speed.
+  v.freeRun();
+  EXPECT_EQ(v.player().rate(), 1.0f);
+  EXPECT_EQ(v.wantRate(), 1.0f);
+  EXPECT_EQ(v.seeksStarted(), 0);
+  v.teardown(true);
+}
+
+// A file that cannot be opened has no clock: a position always asks for a
+// seek, which completes at once, unfinished, and leaves no frame.
+TEST_F(VideoSync, UndecodableFileSeeksButNeverShowsAFrame) {
+  std::ofstream(media + "/bad.mp4") << "not a movie";
+  GlVideoSource v(media + "/bad.mp4");
+  ASSERT_EQ(v.player().waitOpened(10), VideoPlayer::Status::Failed);
+  v.sync(0, 1.0, true);
+  EXPECT_EQ(v.seeksStarted(), 1);
+  EXPECT_FALSE(v.seeking());
+  v.sync(0, 1.0, true);
+  EXPECT_EQ(v.seeksStarted(), 2);
+  v.update();
+  EXPECT_EQ(v.texture(), 0u);
+  EXPECT_EQ(v.width(), 0);
+  v.teardown(true);
+}
+
+// A long seek (a far target behind a long run of frames after one key frame)
+// keeps later positions and the rate waiting for its completion.
+TEST_F(VideoSync, ASeekUnderWayHoldsOffPositionsAndRate) {
+  videotest::Clip c;
+  c.width = 640;
+  c.height = 360;
+  c.seconds = 10.0;
+  c.gop = 300;
+  c.bframes = false;
+  GlVideoSource v(makeClip("long.mp4", c));
+  ASSERT_EQ(v.player().waitOpened(10), VideoPlayer::Status::Ready);
+  v.sync(9'900'000, 1.0, true);
+  ASSERT_EQ(v.seeksStarted(), 1);
+  ASSERT_TRUE(v.seeking()) << "the seek finished too fast to test what happens during it";
+  EXPECT_EQ(v.player().rate(), 0.0f);  // the rate waits for the completion
+  v.sync(2'000'000, 1.0, true);
+  EXPECT_EQ(v.seeksStarted(), 1);
+  EXPECT_EQ(v.player().rate(), 0.0f);
+  EXPECT_EQ(v.wantRate(), 1.0f);
+  ASSERT_TRUE(waitUntil([&] { return !v.seeking(); }));
+  // The completion applied the wanted rate.
+  EXPECT_EQ(v.player().rate(), 1.0f);
+  EXPECT_GE(v.player().currentTimeUs().value_or(0), 9'900'000);
+  // Still 2 s asked for: now it is corrected.
+  v.sync(2'000'000, 1.0, true);
+  EXPECT_EQ(v.seeksStarted(), 2);
+  ASSERT_TRUE(waitUntil([&] { return !v.seeking(); }));
+  EXPECT_LT(std::abs(v.player().currentTimeUs().value_or(0) - 2'000'000), 400'000);
+  v.teardown(true);
+}
+
+TEST_F(VideoSync, LoopsAtTheEndButNotBackwards) {
+  FakeClock clock;
+  GlVideoSource v(makeClip("loop.mp4"), clock.options());  // 2 s at 30 fps
+  ASSERT_EQ(v.player().waitOpened(10), VideoPlayer::Status::Ready);
+  v.freeRun();
+  EXPECT_EQ(textureIndex(v, 0), 0);
+  clock.advance(1.75);
+  EXPECT_EQ(textureIndex(v, 52), 52);
+  clock.advance(1.0);  // past the end: restarts from 0 at once, still running
+  EXPECT_EQ(textureIndex(v, 0), 0);
+  EXPECT_EQ(v.player().rate(), 1.0f);
+  EXPECT_EQ(v.player().currentTimeUs(), std::optional<int64_t>(0));
+  clock.advance(0.5);
+  EXPECT_EQ(textureIndex(v, 15), 15);
+
+  // Backwards from near the end: the clock runs down, no loop.
+  v.sync(1'950'000, -1.0, true);
+  ASSERT_TRUE(waitUntil([&] { return !v.seeking(); }));
+  // The completion applies only a forwards rate; the next sync sets this one.
+  v.sync(1'950'000, -1.0, true);
+  EXPECT_EQ(v.seeksStarted(), 1);
+  EXPECT_EQ(v.player().rate(), -1.0f);
+  clock.advance(0.5);
+  EXPECT_EQ(textureIndex(v, 43), 43);
+  clock.advance(5.0);
+  EXPECT_EQ(textureIndex(v, 0), 0);
+  EXPECT_EQ(v.player().currentTimeUs(), std::optional<int64_t>(0));
+  EXPECT_EQ(v.player().rate(), -1.0f);
+  v.teardown(true);
+}
+
+TEST_F(VideoSync, RendererOpensDeclaresDrawsAndClosesVideos) {
+  const std::string key = "clips/Loop.MP4";
+  makeClip(key);
+  const std::string scene = R"({"outputs":[{"id":"out-1","resolution":[320,180]}],"mappings":[
+      {"id":"v","corners":[[0,0],[1,0],[1,1],[0,1]],"paint":{"type":"video","path":"clips/Loop.MP4"}}]})";
+  const std::string empty = R"({"outputs":[{"id":"out-1","resolution":[320,180]}],"mappings":[]})";
+  auto r = makeRenderer();
+  ASSERT_NE(r, nullptr);
+  FakeClock clock;
+  r->videoOptions = clock.options();
+  auto stateWith = [](const std::string& sc, const std::string& extra) {
+    return R"({"scene":)" + sc + "," + extra + "}";
+  };
+  r->setState(stateWith(
+      scene, R"("playing":false,"videoPositions":{"clips/Loop.MP4":1000,"notes.txt":5,"later.mp4":0})"));
+
+  // Draw until the frame at 1 s (index 30) is on screen.
+  Picture pic;
+  bool shown = waitUntil([&] {
+    pic = gputest::drawGpu(*r, 320, 180);
+    return videotest::indexOfRgba(pic.px.data(), 320, 180) == 30;
+  });
+  EXPECT_TRUE(shown) << "index on screen: " << videotest::indexOfRgba(pic.px.data(), 320, 180);
+  const uint8_t* red = pic.at(160, 140);
+  EXPECT_GT(red[0], 220);
+  EXPECT_LT(red[1], 35);
+  EXPECT_LT(red[2], 35);
+  // One player: the key keeps its case, "notes.txt" is no video and
+  // "later.mp4" does not exist yet.
+  EXPECT_EQ(r->videoCount(), 1u);
+  ASSERT_NE(r->videoSource(key), nullptr);
+  EXPECT_EQ(r->videoSource("clips/loop.mp4"), nullptr);
+  kvl_engine* e = r->engine();
+  ASSERT_NE(e, nullptr);
+  EXPECT_EQ(r->declared().count(key), 1u);
+  const kvl_source* s = sourceOf(e, key.c_str());
+  ASSERT_NE(s, nullptr);
+  EXPECT_EQ(s->width, 320);
+  EXPECT_EQ(s->height, 180);
+
+  // A file that appears later opens on the next frame.
+  makeClip("later.mp4");
+  gputest::drawGpu(*r, 320, 180);
+  EXPECT_EQ(r->videoCount(), 2u);
+
+  // Dropped from both the scene and the positions: closed in that frame;
+  // the engine's table keeps the old size, only `declared` forgets it.
+  r->setState(stateWith(empty, R"("videoPositions":{"later.mp4":0})"));
+  gputest::drawGpu(*r, 320, 180);
+  EXPECT_EQ(r->videoCount(), 1u);
+  EXPECT_EQ(r->videoSource(key), nullptr);
+  EXPECT_EQ(r->declared().count(key), 0u);
+  EXPECT_NE(sourceOf(e, key.c_str()), nullptr);
+
+  // Back in the scene without a position: it free-runs and is declared again.
+  r->setState(stateWith(scene, R"("playing":false)"));
+  EXPECT_TRUE(waitUntil([&] {
+    gputest::drawGpu(*r, 320, 180);
+    return r->declared().count(key) == 1;
+  }));
+  EXPECT_EQ(r->videoCount(), 1u);
+  EXPECT_EQ(r->videoSource(key)->wantRate(), 1.0f);
+
+  // mediaReset closes every player and forgets every declaration; the next
+  // frames reopen what is still needed.
+  r->setState("mediaReset");
+  EXPECT_EQ(r->videoCount(), 0u);
+  EXPECT_TRUE(r->declared().empty());
+  gputest::drawGpu(*r, 320, 180);
+  EXPECT_EQ(r->videoCount(), 1u);
+
+  // Blackout leaves the players alone: no sync, no reopening.
+  r->setState(stateWith(empty, R"("mode":"blackout")"));
+  gputest::drawGpu(*r, 320, 180);
+  EXPECT_EQ(r->videoCount(), 1u);
+
+  r->release();
+  EXPECT_EQ(r->videoCount(), 0u);
+  EXPECT_EQ(r->engine(), nullptr);
+}
