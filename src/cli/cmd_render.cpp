@@ -13,6 +13,7 @@
 #include "commands.h"
 #include "kavlen/kavlen.h"
 #include "render_job.h"
+#include "video_layers.h"
 
 namespace {
 
@@ -101,6 +102,13 @@ int render_with_cpu(const RenderJob& job) {
   }
   std::vector<uint8_t> frame(static_cast<size_t>(job.width) * job.height * 4);
   int64_t time_us = static_cast<int64_t>(std::llround(job.time_ms * 1000.0));
+  // Video layers: the frame of each one's media time at this moment.
+  std::vector<std::string> video_warnings;
+  kavlen::feedVideoLayers(
+      engine, job.scene_text, time_us, [&](const std::string& key) { return media_path(key, job.media_root); },
+      video_warnings);
+  for (const std::string& w : video_warnings)
+    fprintf(stderr, "kavlen: warning: %s (the layer shows dark grey)\n", w.c_str());
   int32_t rc = kvl_engine_render(engine, time_us, frame.data(), job.width * 4);
   kvl_engine_destroy(engine);
   if (rc != 0) return fail("render: the engine refused the frame (%d): %s", rc, kvl_last_error());

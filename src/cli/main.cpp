@@ -47,6 +47,8 @@ const Command kCommands[] = {
     {"info", cmd_info, "info SCENE.json [--time-ms T] [--output ID]   show what the engine resolves"},
     {"render", cmd_render, "render SCENE.json -o frame.png [options]      draw one frame"},
     {"analyze", cmd_analyze, "analyze MEDIA [-o OUT.signals]                write the audio signal file"},
+    {"waveform", cmd_waveform, "waveform MEDIA [--count N] [--pcm OUT.f32]    print the audio peaks as JSON"},
+    {"thumbnail", cmd_thumbnail, "thumbnail MEDIA [--width N] -o OUT.jpg        write a JPEG of the video"},
 };
 
 void usage(FILE* to) {

@@ -676,7 +676,8 @@ int32_t classify(const char* s, int32_t vertex_count, int32_t* index, int32_t* a
 constexpr int32_t kVertexBatch = 32;
 
 void init_spans(Span* spans, int32_t n) {
-  for (int32_t i = 0; i < n; i++) spans[i] = {-1, -1};
+  // All bits set is -1 in both fields.
+  memset(spans, 0xff, sizeof(Span) * static_cast<size_t>(n));
 }
 
 void apply_vertex_spans(const Span* spans, const kvl_keyframe* kf, double* vertices, int32_t base,
@@ -812,7 +813,8 @@ void kvl_layer_resolve(const kvl_scene* scene, const kvl_layer* layer, double* v
       continue;
     }
     if (!any_vertex) {
-      init_spans(first_batch, 2 * kVertexBatch);
+      // Only the coordinates of existing vertices are ever read back.
+      init_spans(first_batch, 2 * (layer->vertex_count < kVertexBatch ? layer->vertex_count : kVertexBatch));
       any_vertex = true;
     }
     if (index > highest_vertex) highest_vertex = index;

@@ -1,0 +1,144 @@
+// `kavlen waveform` and `kavlen thumbnail` as a user runs them: the JSON
+// printed, the files written, and the one-line errors.
+#include <gtest/gtest.h>
+#include <stb_image.h>
+
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <sstream>
+
+#include "image_file.h"
+#include "media_samples.h"
+
+namespace {
+
+struct CliRun {
+  int code = -1;
+  std::string out, err;
+};
+
+CliRun kavlen(const std::string& args) {
+  CliRun r;
+  std::string errPath = mediatest::pathOf("stderr.txt");
+  std::string cmd = std::string("timeout 120 ") + KAVLEN_EXE + " " + args + " 2>'" + errPath + "'";
+  FILE* p = popen(cmd.c_str(), "r");
+  if (!p) return r;
+  char buf[4096];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
+  int status = pclose(p);
+  r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  std::vector<uint8_t> err = mediatest::readBytes(errPath);
+  r.err.assign(err.begin(), err.end());
+  return r;
+}
+
+// The numbers of the "peaks" list of the printed JSON.
+std::vector<double> peaksOf(const std::string& json) {
+  std::vector<double> values;
+  size_t open = json.find("\"peaks\": [");
+  size_t close = json.find(']', open);
+  if (open == std::string::npos || close == std::string::npos) return values;
+  std::stringstream list(json.substr(open + 10, close - open - 10));
+  std::string item;
+  while (std::getline(list, item, ',')) values.push_back(std::stod(item));
+  return values;
+}
+
+std::string q(const std::string& path) { return "'" + path + "'"; }
+
+std::string wideVideo() {
+  return mediatest::make("cli_wide.mp4", "-f lavfi -i testsrc2=s=320x180:d=2 -pix_fmt yuv420p");
+}
+
+}  // namespace
+
+TEST(CliWaveform, PrintsPeaksAndWritesPcmAndPicture) {
+  std::string tone = mediatest::make(
+      "cli_tone.wav", "-f lavfi -i \"aevalsrc=exprs='if(lt(t\\,1)\\,0.25\\,0.75)*sin(2*PI*441*t)':s=22050:d=2\" "
+                      "-c:a pcm_f32le");
+  std::string pcm = mediatest::pathOf("cli.f32"), png = mediatest::pathOf("cli_wave.png");
+  CliRun r = kavlen("waveform " + q(tone) + " --count 5 --pcm " + q(pcm) + " --png " + q(png));
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.out.find("\"duration\": 2"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("\"sampleRate\": 44100"), std::string::npos) << r.out;
+  std::vector<double> peaks = peaksOf(r.out);
+  ASSERT_EQ(peaks.size(), 16u);  // 5 is clamped up to 16
+  EXPECT_NEAR(peaks[0], 0.25, 2e-3);
+  EXPECT_NEAR(peaks[15], 0.75, 2e-3);
+  EXPECT_EQ(std::filesystem::file_size(pcm), 88200u * 4);
+  EXPECT_FALSE(std::filesystem::exists(pcm + ".part"));
+  ImageFile picture;
+  std::string error;
+  ASSERT_TRUE(ImageFile::load(png, picture, error)) << error;
+  EXPECT_EQ(picture.width, 16);
+  // A louder column reaches nearer the top than a quieter one.
+  auto lit = [&](int x, int y) { return picture.rgba[(size_t(y) * picture.width + x) * 4 + 2] > 200; };
+  EXPECT_TRUE(lit(15, picture.height / 2 - 60));
+  EXPECT_FALSE(lit(0, picture.height / 2 - 60));
+  EXPECT_TRUE(lit(0, picture.height / 2 - 10));
+
+  CliRun plain = kavlen("waveform " + q(tone));
+  ASSERT_EQ(plain.code, 0);
+  EXPECT_EQ(peaksOf(plain.out).size(), 1000u);
+}
+
+TEST(CliWaveform, BadInputIsOneLineAndNoOutputFile) {
+  std::string pcm = mediatest::pathOf("never.f32");
+  CliRun missing = kavlen("waveform " + q(mediatest::pathOf("gone.wav")) + " --pcm " + q(pcm));
+  EXPECT_EQ(missing.code, 1);
+  EXPECT_EQ(missing.err.rfind("kavlen: waveform: no such file", 0), 0u) << missing.err;
+  EXPECT_EQ(std::count(missing.err.begin(), missing.err.end(), '\n'), 1);
+  EXPECT_TRUE(missing.out.empty());
+
+  CliRun silent = kavlen("waveform " + q(mediatest::indexedVideo(30, 1, false)) + " --pcm " + q(pcm));
+  EXPECT_EQ(silent.code, 1);
+  EXPECT_NE(silent.err.find("no audio"), std::string::npos) << silent.err;
+  EXPECT_FALSE(std::filesystem::exists(pcm));
+
+  // A cut-off file still prints its peaks, but its pcm is refused and removed.
+  std::string full = mediatest::make("cli_long.m4a",
+                                     "-f lavfi -i \"anoisesrc=d=6:a=0.5\" -c:a aac -movflags +faststart");
+  std::string cut = mediatest::truncatedCopy(full, 0.5, "cli_cut.m4a");
+  CliRun partial = kavlen("waveform " + q(cut) + " --pcm " + q(pcm));
+  EXPECT_EQ(partial.code, 1);
+  EXPECT_FALSE(std::filesystem::exists(pcm));
+  EXPECT_FALSE(std::filesystem::exists(pcm + ".part"));
+
+  EXPECT_EQ(kavlen("waveform " + q(full) + " --count many").code, 1);
+  EXPECT_EQ(kavlen("waveform").code, 1);
+}
+
+TEST(CliThumbnail, WritesAFittedUprightJpeg) {
+  std::string turned = mediatest::rotatedCopy(wideVideo(), 90, "cli_turned.mp4");
+  std::string jpg = mediatest::pathOf("cli_thumb.jpg");
+  CliRun r = kavlen("thumbnail " + q(turned) + " --width 100 -o " + q(jpg));
+  ASSERT_EQ(r.code, 0) << r.err;
+  EXPECT_NE(r.err.find("(56x100)"), std::string::npos) << r.err;
+  int w = 0, h = 0, n = 0;
+  ASSERT_TRUE(stbi_info(jpg.c_str(), &w, &h, &n));
+  EXPECT_EQ(w, 56);
+  EXPECT_EQ(h, 100);
+
+  CliRun byDefault = kavlen("thumbnail " + q(wideVideo()) + " -o " + q(jpg));
+  ASSERT_EQ(byDefault.code, 0) << byDefault.err;
+  ASSERT_TRUE(stbi_info(jpg.c_str(), &w, &h, &n));
+  EXPECT_EQ(w, 320);
+  EXPECT_EQ(h, 180);
+}
+
+TEST(CliThumbnail, BadInputIsOneLineAndNoOutputFile) {
+  std::string jpg = mediatest::pathOf("cli_none.jpg");
+  CliRun audio = kavlen("thumbnail " + q(mediatest::make("cli_song.m4a", "-f lavfi -i sine=d=1 -c:a aac")) + " -o " +
+                     q(jpg));
+  EXPECT_EQ(audio.code, 1);
+  EXPECT_EQ(audio.err.rfind("kavlen: thumbnail: no picture", 0), 0u) << audio.err;
+  EXPECT_FALSE(std::filesystem::exists(jpg));
+  EXPECT_FALSE(std::filesystem::exists(jpg + ".part"));
+  EXPECT_EQ(kavlen("thumbnail " + q(wideVideo())).code, 1);  // no -o
+  EXPECT_EQ(kavlen("thumbnail " + q(wideVideo()) + " --width -3 -o " + q(jpg)).code, 1);
+  EXPECT_FALSE(std::filesystem::exists(jpg));
+}
