@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,7 @@
 #include "gl_headless.h"
 #include "gl_output_renderer.h"
 #include "render_job.h"
+#include "video_layers.h"
 
 namespace {
 
@@ -55,6 +57,21 @@ int render_with_gpu(const RenderJob& job) {
     // The scene at the frame's size and for the chosen output, as the CPU
     // path draws it, so that both give the same picture.
     renderer->setOutputId(job.output_id);
+    // Video layers show the frame of their media time, decoded as the CPU
+    // path decodes it, rather than whatever a live player has reached.
+    GlOutputRenderer* r = renderer.get();
+    renderer->videoFrameProvider = [r](const std::string& key, int64_t mediaUs) -> std::optional<ImageFile> {
+      std::vector<std::string> warnings;
+      std::optional<kavlen::VideoImage> image = kavlen::videoFrameAt(key, r->resolve(key), mediaUs, warnings);
+      for (const std::string& w : warnings)
+        fprintf(stderr, "kavlen: warning: %s (the layer shows dark grey)\n", w.c_str());
+      if (!image) return std::nullopt;
+      ImageFile out;
+      out.width = image->width;
+      out.height = image->height;
+      out.rgba = std::move(image->rgba);
+      return out;
+    };
     renderer->setState(job.scene_text, job.width, job.height, "normal", false, {}, {});
   }
   int64_t time_us = static_cast<int64_t>(std::llround(job.time_ms * 1000.0));

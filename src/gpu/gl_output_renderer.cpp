@@ -58,6 +58,7 @@ GlOutputRenderer::~GlOutputRenderer() {
   for (auto& [hash, t] : maskTextures_) deleteTexture(t);
   for (auto& [key, t] : images_) deleteTexture(t);
   for (auto& [key, e] : texts_) deleteTexture(e.text);
+  for (auto& [key, t] : videoFrames_) deleteTexture(t);
   if (patternTex_) deleteTexture(*patternTex_);
   retireFrameTextures();
   deleteTexture(groupTex_);
@@ -149,7 +150,7 @@ void GlOutputRenderer::frameSteps(int64_t tUs, const GlTarget& target) {
     beginPass(target.framebuffer, target.clear, target.clearColor);
     return;
   }
-  syncVideos();
+  if (!videoFrameProvider) syncVideos();
   stepAudio();
   int32_t sW = 0, sH = 0;
   {
@@ -379,7 +380,12 @@ void GlOutputRenderer::drawLayer(const kvl_draw_list* list, const kvl_draw_cmd& 
   int32_t premul = 0;
   if (cmd.source_key) {
     std::string_view key(cmd.source_key);
-    if (auto v = videos_.find(key); v != videos_.end()) {
+    if (auto f = videoFrames_.find(key); f != videoFrames_.end()) {
+      content = f->second.id;
+      u_.f[24] = static_cast<float>(f->second.width);
+      u_.f[25] = static_cast<float>(f->second.height);
+      premul = 1;
+    } else if (auto v = videos_.find(key); v != videos_.end()) {
       // A video without a frame yet has no content, and the search ends.
       if (GLuint vt = v->second->texture()) {
         content = vt;

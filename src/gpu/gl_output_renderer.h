@@ -52,6 +52,11 @@ struct TextRendering {
 using TextProvider =
     std::function<std::optional<TextRendering>(const std::string& key, const std::optional<std::string>& spec)>;
 
+// Offline video (a single frame to a file, where a live player's clock has no
+// meaning): asked on each frame for the picture of a movie key at that key's
+// media time, straight RGBA. Nothing leaves the layer without content.
+using VideoFrameProvider = std::function<std::optional<ImageFile>(const std::string& key, int64_t mediaUs)>;
+
 // The five shader stages in GLSL ES 3.00. builtIn() is what the renderer runs.
 struct GlShaderSources {
   std::string vsLayer, vsQuad, fsLayer, fsFx, fsGroup;
@@ -81,6 +86,8 @@ class GlOutputRenderer : public OutputRendererCore {
   ~GlOutputRenderer() override;
 
   TextProvider textProvider;
+  // When set, no video player is opened: movies show what it answers.
+  VideoFrameProvider videoFrameProvider;
 
   // One frame of a window: clears the target to opaque black and draws the
   // mode's picture at time 0. False when the renderer has failed.
@@ -141,6 +148,7 @@ class GlOutputRenderer : public OutputRendererCore {
   void drawScene(kvl_engine* engine, int64_t tUs, int32_t sceneW, int32_t sceneH, const GlTarget& target);
   void mediaPass(kvl_engine* engine, int64_t tUs, int64_t generation);
   void loadText(const std::string& key, kvl_engine* engine);
+  void loadVideoFrame(const std::string& key, int64_t mediaUs, kvl_engine* engine);
   void uploadVertices(const kvl_draw_list* list);
   void drawLayer(const kvl_draw_list* list, const kvl_draw_cmd& cmd);
   void drawQuad(const Pipeline& p, GLuint texture, const float quad[16]);
@@ -179,6 +187,7 @@ class GlOutputRenderer : public OutputRendererCore {
   KeySet missingImages_;
   KeyMap<TextEntry> texts_;
   KeyMap<std::unique_ptr<GlVideoSource>> videos_;
+  KeyMap<GlTexture> videoFrames_;  // the provider's pictures, replaced each frame
   bool videoGlUsable() const;
   void teardownVideos();
   int64_t textGeneration_ = -1;

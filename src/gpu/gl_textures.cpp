@@ -10,6 +10,7 @@
 #include <cstdlib>
 
 #include "gl_output_renderer.h"
+#include "gl_video_source.h"
 #include "test_pattern.h"
 
 namespace {
@@ -18,23 +19,6 @@ constexpr size_t kMaskCacheSize = 64;
 constexpr int32_t kMaxMediaKeys = 64;
 
 bool startsWith(std::string_view s, std::string_view prefix) { return s.substr(0, prefix.size()) == prefix; }
-
-// Keys whose lower-cased extension names a movie belong to the video
-// players, never to the image decoder.
-bool isVideoKey(std::string_view key) {
-  static const char* const kVideoExts[] = {"mp4", "mov", "m4v", "webm", "mkv", "avi", "mpg", "mpeg", "3gp"};
-  size_t slash = key.find_last_of('/');
-  std::string_view name = slash == std::string_view::npos ? key : key.substr(slash + 1);
-  size_t dot = name.find_last_of('.');
-  if (dot == std::string_view::npos || dot == 0) return false;
-  std::string_view ext = name.substr(dot + 1);
-  if (ext.empty() || ext.size() > 4) return false;
-  char lower[5] = {};
-  for (size_t i = 0; i < ext.size(); i++) lower[i] = static_cast<char>(std::tolower(static_cast<unsigned char>(ext[i])));
-  for (const char* v : kVideoExts)
-    if (std::string_view(lower) == v) return true;
-  return false;
-}
 
 bool fileExists(const std::string& path) {
   struct stat st{};
@@ -135,7 +119,7 @@ std::optional<GlTexture> GlOutputRenderer::imageTexture(std::string_view key) {
   if (missingImages_.find(key) != missingImages_.end()) return std::nullopt;
   // Text is the provider's and movies the players'; neither is a file to
   // decode as a picture.
-  if (startsWith(key, "text:") || isVideoKey(key)) return std::nullopt;
+  if (startsWith(key, "text:") || isVideoMediaKey(key)) return std::nullopt;
   std::string path = resolve(key);
   // Not recorded: a file that appears later is picked up.
   if (!fileExists(path)) return std::nullopt;
@@ -191,6 +175,22 @@ void GlOutputRenderer::loadText(const std::string& key, kvl_engine* engine) {
   declared_.insert(key);
 }
 
+void GlOutputRenderer::loadVideoFrame(const std::string& key, int64_t mediaUs, kvl_engine* engine) {
+  std::optional<ImageFile> image = videoFrameProvider(key, mediaUs);
+  std::optional<GlTexture> t;
+  if (image) t = textureFrom(*image);
+  auto it = videoFrames_.find(key);
+  if (it != videoFrames_.end()) {
+    // An earlier command of this frame may have drawn with it.
+    retired_.push_back(it->second);
+    videoFrames_.erase(it);
+  }
+  if (!t) return;
+  videoFrames_.emplace(key, *t);
+  kvl_engine_declare_source(engine, key.c_str(), t->width, t->height);
+  declared_.insert(key);
+}
+
 void GlOutputRenderer::mediaPass(kvl_engine* engine, int64_t tUs, int64_t generation) {
   kvl_media_need needs[kMaxMediaKeys] = {};
   int32_t n = std::min(kvl_engine_media_at(engine, tUs, needs, kMaxMediaKeys), kMaxMediaKeys);
@@ -201,7 +201,9 @@ void GlOutputRenderer::mediaPass(kvl_engine* engine, int64_t tUs, int64_t genera
       // Text is looked at again once after every accepted state, and on the
       // first frame of a key the renderer has never drawn.
       if (textGeneration_ != generation || texts_.find(key) == texts_.end()) loadText(std::string(key), engine);
-    } else if (isVideoKey(key)) {
+    } else if (isVideoMediaKey(key) && videoFrameProvider) {
+      loadVideoFrame(std::string(key), needs[i].media_us, engine);
+    } else if (isVideoMediaKey(key)) {
       // The video players declare their own sizes once a frame has come.
     } else if (declared_.find(key) == declared_.end()) {
       if (std::optional<GlTexture> t = imageTexture(key)) {

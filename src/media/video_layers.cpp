@@ -33,6 +33,22 @@ std::vector<std::string> videoKeys(const std::string& sceneText) {
 
 }  // namespace
 
+std::optional<VideoImage> videoFrameAt(const std::string& key, const std::string& path, int64_t mediaUs,
+                                       std::vector<std::string>& warnings) {
+  auto source = SequentialVideoSource::create(path);
+  if (!source) {
+    warnings.push_back("video " + key + " cannot be read (" + path + ")");
+    return std::nullopt;
+  }
+  double seconds = static_cast<double>(mediaUs) / 1e6;
+  const VideoImage* image = source->frame(std::isfinite(seconds) ? seconds : 0);
+  if (!image) {
+    warnings.push_back("video " + key + " gave no frame at " + std::to_string(seconds) + " s");
+    return std::nullopt;
+  }
+  return *image;
+}
+
 int feedVideoLayers(kvl_engine* engine, const std::string& sceneText, int64_t timeUs,
                     const std::function<std::string(const std::string& key)>& pathOf,
                     std::vector<std::string>& warnings) {
@@ -48,18 +64,8 @@ int feedVideoLayers(kvl_engine* engine, const std::string& sceneText, int64_t ti
     bool isVideo = false;
     for (const std::string& v : videos) isVideo = isVideo || v == key;
     if (!isVideo) continue;
-    std::string path = pathOf(key);
-    auto source = SequentialVideoSource::create(path);
-    if (!source) {
-      warnings.push_back("video " + key + " cannot be read (" + path + ")");
-      continue;
-    }
-    double seconds = static_cast<double>(needs[i].media_us) / 1e6;
-    const VideoImage* image = source->frame(std::isfinite(seconds) ? seconds : 0);
-    if (!image) {
-      warnings.push_back("video " + key + " gave no frame at " + std::to_string(seconds) + " s");
-      continue;
-    }
+    std::optional<VideoImage> image = videoFrameAt(key, pathOf(key), needs[i].media_us, warnings);
+    if (!image) continue;
     if (kvl_engine_set_source(engine, key.c_str(), image->rgba.data(), image->width, image->height,
                               image->width * 4) != 0) {
       warnings.push_back("video " + key + " was refused by the engine");

@@ -9,10 +9,12 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "kavlen/kavlen.h"
+#include "sequential_video_source.h"
 
 namespace kavlen {
 
@@ -25,5 +27,12 @@ namespace kavlen {
 int feedVideoLayers(kvl_engine* engine, const std::string& sceneText, int64_t timeUs,
                     const std::function<std::string(const std::string& key)>& pathOf,
                     std::vector<std::string>& warnings);
+
+// The picture of the video file at `path` at media time `mediaUs`, decoded
+// through SequentialVideoSource: the one both render paths show. Nothing when
+// the file cannot be read or has no frame there; one line naming `key` then
+// goes to `warnings`.
+std::optional<VideoImage> videoFrameAt(const std::string& key, const std::string& path, int64_t mediaUs,
+                                       std::vector<std::string>& warnings);
 
 }  // namespace kavlen
