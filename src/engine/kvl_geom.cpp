@@ -85,6 +85,27 @@ bool kvl_h_invert(const kvl_h* h, kvl_h* out) {
   return true;
 }
 
+#if KVL_SSE2
+// Inclusive running sums over 16 16-bit lanes held in two registers,
+// continuing from `carry` (the previous total in every lane), which then
+// holds the new total.
+static inline void prefix_sum16(__m128i* lo, __m128i* hi, __m128i* carry) {
+  __m128i a = *lo, b = *hi;
+  a = _mm_add_epi16(a, _mm_slli_si128(a, 2));
+  b = _mm_add_epi16(b, _mm_slli_si128(b, 2));
+  a = _mm_add_epi16(a, _mm_slli_si128(a, 4));
+  b = _mm_add_epi16(b, _mm_slli_si128(b, 4));
+  a = _mm_add_epi16(a, _mm_slli_si128(a, 8));
+  b = _mm_add_epi16(b, _mm_slli_si128(b, 8));
+  a = _mm_add_epi16(a, *carry);
+  // Broadcast the last total of a, then of b, as the next carry.
+  b = _mm_add_epi16(b, _mm_shuffle_epi32(_mm_shufflehi_epi16(a, 0xFF), 0xFF));
+  *carry = _mm_shuffle_epi32(_mm_shufflehi_epi16(b, 0xFF), 0xFF);
+  *lo = a;
+  *hi = b;
+}
+#endif
+
 // ---------------------------------------------------------------------------
 // Mesh warp
 
@@ -232,15 +253,7 @@ void write_row(uint16_t* diff, int lo, int hi, uint8_t* out, bool inv) {
     __m128i b = _mm_loadu_si128((const __m128i*)(diff + x + 8));
     _mm_storeu_si128((__m128i*)(diff + x), zero);
     _mm_storeu_si128((__m128i*)(diff + x + 8), zero);
-    a = _mm_add_epi16(a, _mm_slli_si128(a, 2));
-    b = _mm_add_epi16(b, _mm_slli_si128(b, 2));
-    a = _mm_add_epi16(a, _mm_slli_si128(a, 4));
-    b = _mm_add_epi16(b, _mm_slli_si128(b, 4));
-    a = _mm_add_epi16(a, _mm_slli_si128(a, 8));
-    b = _mm_add_epi16(b, _mm_slli_si128(b, 8));
-    a = _mm_add_epi16(a, carry);
-    b = _mm_add_epi16(b, _mm_shuffle_epi32(_mm_shufflehi_epi16(a, 0xFF), 0xFF));
-    carry = _mm_shuffle_epi32(_mm_shufflehi_epi16(b, 0xFF), 0xFF);
+    prefix_sum16(&a, &b, &carry);
     // min(acc * 255 >> 4, 255): any acc of 17 or more saturates, so clamp
     // to 17 first and let the pack saturate 270 to 255.
     const __m128i ta = _mm_sub_epi16(a, _mm_subs_epu16(a, cap));
@@ -629,16 +642,7 @@ void box_row_prefix(const uint8_t* src, uint8_t* dst, int w, const box_plan& p, 
   for (; j + 16 <= len; j += 16) {
     const __m128i v = _mm_loadu_si128((const __m128i*)(b + j));
     __m128i lo = _mm_unpacklo_epi8(v, zero), hi = _mm_unpackhi_epi8(v, zero);
-    lo = _mm_add_epi16(lo, _mm_slli_si128(lo, 2));
-    hi = _mm_add_epi16(hi, _mm_slli_si128(hi, 2));
-    lo = _mm_add_epi16(lo, _mm_slli_si128(lo, 4));
-    hi = _mm_add_epi16(hi, _mm_slli_si128(hi, 4));
-    lo = _mm_add_epi16(lo, _mm_slli_si128(lo, 8));
-    hi = _mm_add_epi16(hi, _mm_slli_si128(hi, 8));
-    lo = _mm_add_epi16(lo, carry);
-    // Broadcast the last total of lo, then of hi, as the next carry.
-    hi = _mm_add_epi16(hi, _mm_shuffle_epi32(_mm_shufflehi_epi16(lo, 0xFF), 0xFF));
-    carry = _mm_shuffle_epi32(_mm_shufflehi_epi16(hi, 0xFF), 0xFF);
+    prefix_sum16(&lo, &hi, &carry);
     _mm_storeu_si128((__m128i*)(ps + j + 1), lo);
     _mm_storeu_si128((__m128i*)(ps + j + 9), hi);
   }

@@ -117,6 +117,27 @@ double previous_envelope(const kvl_engine* e, const char* id) {
   return e->env_values[i];
 }
 
+// Appends a (key, table) entry to the handle's signal tables; the table may be
+// null, standing for a failed load. Out of memory frees the table and
+// returns false, leaving the tables as they were.
+bool append_signals(kvl_engine* e, const char* key, kvl_signals* table) {
+  char* key_copy = dup_string(key);
+  auto* keys = static_cast<char**>(realloc(e->signal_keys, (e->signal_count + 1) * sizeof(char*)));
+  if (keys) e->signal_keys = keys;
+  auto* tables =
+      static_cast<kvl_signals**>(realloc(e->signal_tables, (e->signal_count + 1) * sizeof(kvl_signals*)));
+  if (tables) e->signal_tables = tables;
+  if (!key_copy || !keys || !tables) {
+    free(key_copy);
+    kvl_signals_free(table);
+    return false;
+  }
+  e->signal_keys[e->signal_count] = key_copy;
+  e->signal_tables[e->signal_count] = table;
+  e->signal_count++;
+  return true;
+}
+
 // Signal table for a media key, loaded beside the media on first use. A failed
 // load is remembered as a null entry, so a missing file costs one disk access
 // until the next scene or media-root change sweeps the failures out.
@@ -146,22 +167,8 @@ const kvl_signals* signals_for(kvl_engine* e, const char* key) {
   kvl_signals* table = (n >= 0 && path) ? kvl_signals_load(path) : nullptr;
   if (path != small) free(path);
 
-  char* key_copy = dup_string(key);
-  auto* keys = static_cast<char**>(realloc(e->signal_keys, (e->signal_count + 1) * sizeof(char*)));
-  if (keys) e->signal_keys = keys;
-  auto* tables =
-      static_cast<kvl_signals**>(realloc(e->signal_tables, (e->signal_count + 1) * sizeof(kvl_signals*)));
-  if (tables) e->signal_tables = tables;
-  if (!key_copy || !keys || !tables) {
-    // Out of memory: nothing is remembered, and the modulation stays silent.
-    free(key_copy);
-    kvl_signals_free(table);
-    return nullptr;
-  }
-  e->signal_keys[e->signal_count] = key_copy;
-  e->signal_tables[e->signal_count] = table;
-  e->signal_count++;
-  return table;
+  // Out of memory: nothing is remembered, and the modulation stays silent.
+  return append_signals(e, key, table) ? table : nullptr;
 }
 
 // Fade factor of an audio clip at a timeline moment; 0 outside the clip.
@@ -482,21 +489,7 @@ int32_t kvl_engine_set_track_signals(kvl_engine* e, const char* key, const void*
       return 0;
     }
   }
-  char* key_copy = dup_string(key);
-  auto* keys = static_cast<char**>(realloc(e->signal_keys, (e->signal_count + 1) * sizeof(char*)));
-  if (keys) e->signal_keys = keys;
-  auto* tables =
-      static_cast<kvl_signals**>(realloc(e->signal_tables, (e->signal_count + 1) * sizeof(kvl_signals*)));
-  if (tables) e->signal_tables = tables;
-  if (!key_copy || !keys || !tables) {
-    free(key_copy);
-    kvl_signals_free(table);
-    return -2;
-  }
-  e->signal_keys[e->signal_count] = key_copy;
-  e->signal_tables[e->signal_count] = table;
-  e->signal_count++;
-  return 0;
+  return append_signals(e, key, table) ? 0 : -2;
 }
 
 void kvl_engine_set_audio_time(kvl_engine* e, double time_ms) {
