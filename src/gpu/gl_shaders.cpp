@@ -127,6 +127,13 @@ void main() {
 }
 )";
 
+// "name: driver log", without the log's trailing blank lines.
+std::string describeFailure(const char* name, const char* log) {
+  std::string text = std::string(name) + ": " + log;
+  while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.pop_back();
+  return text;
+}
+
 GLuint compileStage(GLenum type, const std::string& text, const char* name, std::string& error) {
   GLuint s = glCreateShader(type);
   if (!s) {
@@ -141,8 +148,7 @@ GLuint compileStage(GLenum type, const std::string& text, const char* name, std:
   if (ok == GL_TRUE) return s;
   char log[1024] = "";
   glGetShaderInfoLog(s, sizeof log, nullptr, log);
-  error = std::string(name) + ": " + log;
-  while (!error.empty() && (error.back() == '\n' || error.back() == ' ')) error.pop_back();
+  error = describeFailure(name, log);
   glDeleteShader(s);
   return 0;
 }
@@ -161,8 +167,7 @@ GLuint linkProgram(GLuint vs, GLuint fs, const char* name, std::string& error) {
   if (ok == GL_TRUE) return p;
   char log[1024] = "";
   glGetProgramInfoLog(p, sizeof log, nullptr, log);
-  error = std::string(name) + ": " + log;
-  while (!error.empty() && (error.back() == '\n' || error.back() == ' ')) error.pop_back();
+  error = describeFailure(name, log);
   glDeleteProgram(p);
   return 0;
 }
