@@ -51,8 +51,6 @@ kvl_cell SceneBuilder::cell(const double quad[8], double ua, double va, double u
     maxy = std::fmax(maxy, y);
   }
   if (!finite) {
-    // Preparation cannot give a box here; the worst case for the compositor
-    // is the whole frame.
     c.x0 = c.y0 = 0;
     c.x1 = width;
     c.y1 = height;
@@ -106,8 +104,6 @@ kvl_fx SceneBuilder::fx(int32_t x, int32_t y, int32_t w, int32_t h, uint32_t arg
 
 namespace {
 
-// Coverage in blocks: empty, full, noise or a ramp, so that masks have
-// both large plain areas and busy ones.
 std::vector<uint8_t> blocky(Rng* rng, int w, int h, int block) {
   std::vector<uint8_t> m((size_t)w * h);
   const int bx = (w + block - 1) / block, by = (h + block - 1) / block;
@@ -127,6 +123,8 @@ std::vector<uint8_t> blocky(Rng* rng, int w, int h, int block) {
 
 double snap(Rng* rng, double v) { return rng->chance(0.5) ? std::round(v * 8) / 8 : v; }
 
+// Quads of every kind: around the frame, (tilted, reversed) rectangles, bow
+// ties, degenerate and hostile numbers.
 void random_quad(SceneBuilder* b, Rng* rng, double q[8]) {
   const double W = b->width, H = b->height;
   const int mode = rng->range(0, 9);

@@ -1,5 +1,5 @@
-// Audio decoding, peaks and raw sample files on real files made by ffmpeg:
-// known peaks, the bucket count rules, lengths, and bad input.
+// Audio decoding, peaks and raw sample files on ffmpeg-made files: known
+// peaks, the bucket count rules, lengths, and bad input.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -16,8 +16,7 @@ namespace wf = kavlen::waveform;
 
 namespace {
 
-// A mono float WAV at `rate` of `seconds`, its samples given by an ffmpeg
-// expression of t.
+// A mono WAV at `rate` of `seconds`, its samples an ffmpeg expression of t.
 std::string toneFile(const std::string& name, const std::string& expr, int rate, double seconds,
                      const std::string& codec = "pcm_f32le") {
   return mediatest::make(name, "-f lavfi -i \"aevalsrc=exprs='" + expr + "':s=" + std::to_string(rate) +
@@ -33,54 +32,41 @@ std::vector<float> readFloats(const std::string& path) {
 
 }  // namespace
 
-TEST(AudioDecode, FoldsChannelsToTheirMeanAndResamples) {
+TEST(AudioDecode, FoldsChannelsResamplesAndReportsProgress) {
   // Left a sine at 0.8, right silent: the mono track is the sine at 0.4.
-  std::string stereo = mediatest::make(
-      "stereo.wav", "-f lavfi -i \"aevalsrc=exprs='0.8*sin(2*PI*100*t)|0':s=48000:d=1\" -c:a pcm_f32le");
+  std::string stereo = toneFile("stereo.wav", "0.8*sin(2*PI*100*t)|0", 48000, 1);
   std::vector<float> samples;
   std::string error;
   ASSERT_TRUE(kavlen::decodeAudioMono(stereo, 48000, samples, error)) << error;
   ASSERT_EQ(samples.size(), 48000u);
   for (size_t i = 0; i < samples.size(); i += 1009)
     ASSERT_NEAR(samples[i], 0.4 * std::sin(2 * M_PI * 100 * (i / 48000.0)), 1e-5) << i;
-
-  // At another rate the length follows the rate and the level stays.
   ASSERT_TRUE(kavlen::decodeAudioMono(stereo, 22050, samples, error)) << error;
   EXPECT_NEAR(double(samples.size()), 22050, 64);
   float peak = 0;
   for (float s : samples) peak = std::max(peak, std::fabs(s));
   EXPECT_NEAR(peak, 0.4f, 0.005f);
-}
 
-TEST(AudioDecode, ReportsDurationProgressAndCancellation) {
   std::string tone = toneFile("half.wav", "0.5*sin(2*PI*440*t)", 44100, 2);
   kavlen::AudioDecodeInfo info;
-  std::string error;
   double lastProgress = -1;
   size_t chunks = 0;
-  bool ok = kavlen::decodeAudioMono(
-      tone, 44100,
-      [&](const float*, size_t, double p) {
-        EXPECT_GE(p, lastProgress);
-        lastProgress = p;
-        chunks++;
-        return true;
-      },
-      error, info);
-  ASSERT_TRUE(ok) << error;
+  auto progress = [&](const float*, size_t, double p) {
+    EXPECT_GE(p, lastProgress);
+    lastProgress = p;
+    return ++chunks > 0;
+  };
+  ASSERT_TRUE(kavlen::decodeAudioMono(tone, 44100, progress, error, info)) << error;
   EXPECT_NEAR(info.duration, 2.0, 1e-3);
   EXPECT_TRUE(info.complete);
   EXPECT_EQ(info.samples, 88200u);
   EXPECT_GT(chunks, 1u);
   EXPECT_NEAR(lastProgress, 1.0, 1e-3);
-
-  ok = kavlen::decodeAudioMono(
-      tone, 44100, [&](const float*, size_t, double) { return false; }, error, info);
-  EXPECT_FALSE(ok);
+  EXPECT_FALSE(kavlen::decodeAudioMono(tone, 44100, [](const float*, size_t, double) { return false; }, error, info));
   EXPECT_EQ(error, "cancelled");
 }
 
-TEST(AudioDecode, BadInputFailsWithOneLine) {
+TEST(AudioDecode, BadInputFailsWithOneLineAndNeverHangs) {
   std::vector<float> samples;
   std::string error;
   EXPECT_FALSE(kavlen::decodeAudioMono(mediatest::pathOf("nothing.wav"), 44100, samples, error));
@@ -88,22 +74,21 @@ TEST(AudioDecode, BadInputFailsWithOneLine) {
   EXPECT_EQ(error.find('\n'), std::string::npos);
   EXPECT_FALSE(kavlen::decodeAudioMono(mediatest::textFile("words.mp3", "just words"), 44100, samples, error));
   std::string silentVideo = mediatest::indexedVideo(25, 1, false);
+  EXPECT_FALSE(kavlen::decodeAudioMono(silentVideo, 0, samples, error));
   EXPECT_FALSE(kavlen::decodeAudioMono(silentVideo, 44100, samples, error));
   EXPECT_NE(error.find("no audio track"), std::string::npos) << error;
-  EXPECT_FALSE(kavlen::decodeAudioMono(silentVideo, 0, samples, error));
-  // A header that claims a billion hertz: refused, not resampled for minutes.
+  // A header claiming a billion hertz: refused, not resampled for minutes.
   std::vector<uint8_t> wav = mediatest::readBytes(toneFile("rate.wav", "0.5", 8000, 0.1, "pcm_s16le"));
   ASSERT_GT(wav.size(), 44u);
   const uint32_t absurd = 1073749824u;
-  memcpy(&wav[24], &absurd, 4);  // the rate field of the canonical header
+  memcpy(&wav[24], &absurd, 4);  // the canonical header's rate field
   std::string bad = mediatest::pathOf("absurd_rate.wav");
   mediatest::writeBytes(bad, wav);
   auto started = std::chrono::steady_clock::now();
   EXPECT_FALSE(kavlen::decodeAudioMono(bad, 22050, samples, error));
   EXPECT_NE(error.find("sample rate"), std::string::npos) << error;
   EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(5));
-
-  // A pipe nobody writes to would block a reader for good: refused at once.
+  // A pipe nobody writes to would block a reader for good.
   std::string fifo = mediatest::pathOf("pipe.wav");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   EXPECT_FALSE(kavlen::decodeAudioMono(fifo, 44100, samples, error));
@@ -111,110 +96,67 @@ TEST(AudioDecode, BadInputFailsWithOneLine) {
   EXPECT_FALSE(kavlen::decodeAudioMono(mediatest::folder(), 44100, samples, error));
 }
 
-TEST(WaveformPeaks, CountIsClampedTo16Through4000) {
-  EXPECT_EQ(wf::clampPeakCount(0), 16);
-  EXPECT_EQ(wf::clampPeakCount(5), 16);
-  EXPECT_EQ(wf::clampPeakCount(-7), 16);
-  EXPECT_EQ(wf::clampPeakCount(16), 16);
-  EXPECT_EQ(wf::clampPeakCount(1000), 1000);
-  EXPECT_EQ(wf::clampPeakCount(100000), 4000);
+TEST(WaveformPeaks, CountAndBucketRules) {
   EXPECT_EQ(wf::kDefaultPeakCount, 1000);
+  for (auto [asked, got] : {std::pair<int64_t, int>{0, 16}, {-7, 16}, {16, 16}, {1000, 1000}, {100000, 4000}})
+    EXPECT_EQ(wf::clampPeakCount(asked), got) << asked;
+  EXPECT_EQ(wf::samplesPerBucket(10, 1000), 220);  // 220500 / 1000
+  EXPECT_EQ(wf::samplesPerBucket(1, 16), 1378);
+  for (double bad : {0.001, 0.0, double(NAN), double(INFINITY), -3.0}) EXPECT_EQ(wf::samplesPerBucket(bad, 1000), 1);
 
   std::string tone = toneFile("quiet.wav", "0.1*sin(2*PI*300*t)", 22050, 1);
-  for (auto [asked, got] : {std::pair<int64_t, size_t>{0, 16}, {5, 16}, {100000, 4000}, {1000, 1000}}) {
+  for (auto [asked, got] : {std::pair<int64_t, size_t>{5, 16}, {100000, 4000}, {1000, 1000}}) {
     auto p = wf::peaks(tone, asked);
     ASSERT_TRUE(p.has_value());
     EXPECT_EQ(p->peaks.size(), got) << "asked " << asked;
   }
+  // 100 samples in 1000 buckets: one each, the rest 0.
+  auto tiny = wf::peaks(mediatest::make("tiny.wav", "-f lavfi -i \"aevalsrc=exprs='0.5':s=22050\" "
+                                                    "-af atrim=end_sample=100 -c:a pcm_f32le"),
+                        1000);
+  ASSERT_TRUE(tiny.has_value());
+  ASSERT_EQ(tiny->peaks.size(), 1000u);
+  for (int i = 0; i < 1000; i++) ASSERT_FLOAT_EQ(tiny->peaks[i], i < 100 ? 0.5 : 0.0) << i;
 }
 
-TEST(WaveformPeaks, SamplesPerBucketFollowsTheEstimate) {
-  EXPECT_EQ(wf::samplesPerBucket(10, 1000), 220);  // 220500 / 1000
-  EXPECT_EQ(wf::samplesPerBucket(1, 16), 1378);    // 22050 / 16
-  EXPECT_EQ(wf::samplesPerBucket(0.001, 1000), 1);  // 22 samples: at least 1
-  EXPECT_EQ(wf::samplesPerBucket(0, 1000), 1);
-  EXPECT_EQ(wf::samplesPerBucket(NAN, 1000), 1);
-  EXPECT_EQ(wf::samplesPerBucket(INFINITY, 1000), 1);
-  EXPECT_EQ(wf::samplesPerBucket(-3, 1000), 1);
-}
-
-// The first half at 0.25, the second at 0.75: each bucket holds the peak of
-// its own slice of time.
-TEST(WaveformPeaks, EachBucketHoldsThePeakOfItsSlice) {
-  std::string steps = toneFile("steps.wav", "if(lt(t\\,1)\\,0.25\\,0.75)*sin(2*PI*441*t)", 22050, 2);
-  auto p = wf::peaks(steps, 16);
+TEST(WaveformPeaks, EachBucketHoldsThePeakOfItsSliceCappedAtOne) {
+  auto p = wf::peaks(toneFile("steps.wav", "if(lt(t\\,1)\\,0.25\\,0.75)*sin(2*PI*441*t)", 22050, 2), 16);
   ASSERT_TRUE(p.has_value());
   EXPECT_NEAR(p->duration, 2.0, 1e-3);
   ASSERT_EQ(p->peaks.size(), 16u);
   for (int i = 0; i < 16; i++) EXPECT_NEAR(p->peaks[i], i < 8 ? 0.25 : 0.75, 2e-3) << "bucket " << i;
-
-  // Through a 44.1 kHz file, resampled, the levels hold.
-  std::string steps44 = toneFile("steps44.wav", "if(lt(t\\,1)\\,0.25\\,0.75)*sin(2*PI*441*t)", 44100, 2);
-  p = wf::peaks(steps44, 20);
-  ASSERT_TRUE(p.has_value());
-  EXPECT_NEAR(p->peaks[2], 0.25, 0.01);
-  EXPECT_NEAR(p->peaks[17], 0.75, 0.01);
-}
-
-TEST(WaveformPeaks, LoudSamplesAreCappedAtOne) {
-  std::string loud = toneFile("loud.wav", "1.5*sin(2*PI*200*t)", 22050, 1);
-  auto p = wf::peaks(loud, 16);
+  p = wf::peaks(toneFile("loud.wav", "1.5*sin(2*PI*200*t)", 22050, 1), 16);
   ASSERT_TRUE(p.has_value());
   for (double v : p->peaks) EXPECT_EQ(v, 1.0);
-}
 
-// 100 samples and 1000 buckets: one sample each, the rest stay 0.
-TEST(WaveformPeaks, ShortFileFillsOneSamplePerBucket) {
-  std::string tiny = mediatest::make("tiny.wav",
-                                     "-f lavfi -i \"aevalsrc=exprs='0.5':s=22050\" -af atrim=end_sample=100 "
-                                     "-c:a pcm_f32le");
-  auto p = wf::peaks(tiny, 1000);
-  ASSERT_TRUE(p.has_value());
-  ASSERT_EQ(p->peaks.size(), 1000u);
-  for (int i = 0; i < 100; i++) ASSERT_FLOAT_EQ(p->peaks[i], 0.5) << i;
-  for (int i = 100; i < 1000; i++) ASSERT_EQ(p->peaks[i], 0.0) << i;
-}
-
-TEST(WaveformPeaks, VideoWithSoundWorksAndWithoutSoundGivesNothing) {
-  auto p = wf::peaks(mediatest::indexedVideo(30, 2, true), 100);
+  p = wf::peaks(mediatest::indexedVideo(30, 2, true), 100);
   ASSERT_TRUE(p.has_value());
   EXPECT_NEAR(p->duration, 2.0, 0.05);
   EXPECT_GT(p->peaks[50], 0.05);
-  EXPECT_FALSE(wf::peaks(mediatest::indexedVideo(30, 2, false), 100).has_value());
-  EXPECT_FALSE(wf::peaks(mediatest::textFile("fake.m4a", "nope"), 100).has_value());
-  EXPECT_FALSE(wf::peaks(mediatest::pathOf("absent.m4a"), 100).has_value());
+  for (std::string bad : {mediatest::indexedVideo(30, 2, false), mediatest::textFile("fake.m4a", "nope"),
+                          mediatest::pathOf("absent.m4a")})
+    EXPECT_FALSE(wf::peaks(bad, 100).has_value()) << bad;
 }
 
-TEST(WaveformPcm, WritesEveryFrameOfTheTrackAt44100) {
+TEST(WaveformPcm, WritesEveryFrameAt44100AndRefusesBadInput) {
   std::string tone = toneFile("pcm_src.wav", "0.5*sin(2*PI*440*t)", 44100, 1.5);
   std::string out = mediatest::pathOf("pcm_out.f32");
-  // An existing, longer file is replaced, not overwritten in place.
-  mediatest::writeBytes(out, std::vector<uint8_t>(1 << 20, 0x7f));
-  auto rate = wf::pcm(tone, out);
-  ASSERT_TRUE(rate.has_value());
-  EXPECT_EQ(*rate, 44100);
+  mediatest::writeBytes(out, std::vector<uint8_t>(1 << 20, 0x7f));  // a longer file is replaced
+  EXPECT_EQ(wf::pcm(tone, out), std::optional<int>(44100));
   std::vector<float> samples = readFloats(out);
   ASSERT_EQ(samples.size(), 66150u);
   for (size_t i = 0; i < samples.size(); i += 997)
     ASSERT_NEAR(samples[i], 0.5 * std::sin(2 * M_PI * 440 * (i / 44100.0)), 1e-4) << i;
-
-  // From 22050 Hz the count doubles, within the resampler's edges.
-  std::string low = toneFile("pcm_low.wav", "0.5*sin(2*PI*440*t)", 22050, 1);
-  ASSERT_TRUE(wf::pcm(low, out).has_value());
+  ASSERT_TRUE(wf::pcm(toneFile("pcm_low.wav", "0.5*sin(2*PI*440*t)", 22050, 1), out).has_value());
   EXPECT_NEAR(double(readFloats(out).size()), 44100, 64);
-}
 
-TEST(WaveformPcm, UnreadableInputLeavesTheOutputUntouched) {
-  std::string out = mediatest::pathOf("untouched.f32");
-  EXPECT_FALSE(wf::pcm(mediatest::pathOf("absent.wav"), out).has_value());
-  EXPECT_FALSE(std::filesystem::exists(out));
-  EXPECT_FALSE(wf::pcm(mediatest::indexedVideo(30, 2, false), out).has_value());
-  EXPECT_FALSE(std::filesystem::exists(out));
-  EXPECT_FALSE(wf::pcm(mediatest::pathOf("pcm_src.wav"), mediatest::pathOf("no/such/dir/x.f32")).has_value());
-}
+  std::string none = mediatest::pathOf("untouched.f32");
+  EXPECT_FALSE(wf::pcm(mediatest::pathOf("absent.wav"), none).has_value());
+  EXPECT_FALSE(wf::pcm(mediatest::indexedVideo(30, 2, false), none).has_value());
+  EXPECT_FALSE(std::filesystem::exists(none));
+  EXPECT_FALSE(wf::pcm(tone, mediatest::pathOf("no/such/dir/x.f32")).has_value());
 
-// A cut-off compressed file: peaks give what could be decoded, pcm refuses.
-TEST(WaveformPcm, TruncatedFileGivesPartialPeaksAndNoPcm) {
+  // Cut short: peaks give what decodes, pcm refuses.
   std::string full = mediatest::make(
       "long.m4a", "-f lavfi -i \"anoisesrc=d=6:a=0.5:s=44100\" -c:a aac -b:a 128k -movflags +faststart");
   std::string cut = mediatest::truncatedCopy(full, 0.5, "long_cut.m4a");
@@ -222,7 +164,7 @@ TEST(WaveformPcm, TruncatedFileGivesPartialPeaksAndNoPcm) {
   ASSERT_TRUE(p.has_value());
   EXPECT_NEAR(p->duration, 6.0, 0.1);  // the header still tells the whole length
   EXPECT_GT(p->peaks[5], 0.2);
-  EXPECT_EQ(p->peaks[59], 0.0);  // nothing of the missing half
+  EXPECT_EQ(p->peaks[59], 0.0);
   EXPECT_FALSE(wf::pcm(cut, mediatest::pathOf("cut.f32")).has_value());
   EXPECT_TRUE(wf::pcm(full, mediatest::pathOf("full.f32")).has_value());
 }

@@ -2,7 +2,6 @@
 // printed, the files written, and the one-line errors.
 #include <gtest/gtest.h>
 #include <stb_image.h>
-
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -23,12 +22,10 @@ struct CliRun {
 CliRun kavlen(const std::string& args) {
   CliRun r;
   std::string errPath = mediatest::pathOf("stderr.txt");
-  std::string cmd = std::string("timeout 120 ") + KAVLEN_EXE + " " + args + " 2>'" + errPath + "'";
-  FILE* p = popen(cmd.c_str(), "r");
+  FILE* p = popen((std::string("timeout 120 ") + KAVLEN_EXE + " " + args + " 2>'" + errPath + "'").c_str(), "r");
   if (!p) return r;
   char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
+  for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) r.out.append(buf, n);
   int status = pclose(p);
   r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   std::vector<uint8_t> err = mediatest::readBytes(errPath);
@@ -36,27 +33,21 @@ CliRun kavlen(const std::string& args) {
   return r;
 }
 
-// The numbers of the "peaks" list of the printed JSON.
+// The numbers of the printed JSON's "peaks" list.
 std::vector<double> peaksOf(const std::string& json) {
   std::vector<double> values;
-  size_t open = json.find("\"peaks\": [");
-  size_t close = json.find(']', open);
+  size_t open = json.find("\"peaks\": ["), close = json.find(']', open);
   if (open == std::string::npos || close == std::string::npos) return values;
   std::stringstream list(json.substr(open + 10, close - open - 10));
-  std::string item;
-  while (std::getline(list, item, ',')) values.push_back(std::stod(item));
+  for (std::string item; std::getline(list, item, ',');) values.push_back(std::stod(item));
   return values;
 }
 
 std::string q(const std::string& path) { return "'" + path + "'"; }
 
-std::string wideVideo() {
-  return mediatest::make("cli_wide.mp4", "-f lavfi -i testsrc2=s=320x180:d=2 -pix_fmt yuv420p");
-}
-
 }  // namespace
 
-TEST(CliWaveform, PrintsPeaksAndWritesPcmAndPicture) {
+TEST(CliWaveform, PrintsPeaksWritesPcmAndPictureAndFailsInOneLine) {
   std::string tone = mediatest::make(
       "cli_tone.wav", "-f lavfi -i \"aevalsrc=exprs='if(lt(t\\,1)\\,0.25\\,0.75)*sin(2*PI*441*t)':s=22050:d=2\" "
                       "-c:a pcm_f32le");
@@ -75,70 +66,50 @@ TEST(CliWaveform, PrintsPeaksAndWritesPcmAndPicture) {
   std::string error;
   ASSERT_TRUE(ImageFile::load(png, picture, error)) << error;
   EXPECT_EQ(picture.width, 16);
-  // A louder column reaches nearer the top than a quieter one.
+  // A louder column reaches nearer the top.
   auto lit = [&](int x, int y) { return picture.rgba[(size_t(y) * picture.width + x) * 4 + 2] > 200; };
   EXPECT_TRUE(lit(15, picture.height / 2 - 60));
   EXPECT_FALSE(lit(0, picture.height / 2 - 60));
   EXPECT_TRUE(lit(0, picture.height / 2 - 10));
+  EXPECT_EQ(peaksOf(kavlen("waveform " + q(tone)).out).size(), 1000u);
 
-  CliRun plain = kavlen("waveform " + q(tone));
-  ASSERT_EQ(plain.code, 0);
-  EXPECT_EQ(peaksOf(plain.out).size(), 1000u);
-}
-
-TEST(CliWaveform, BadInputIsOneLineAndNoOutputFile) {
-  std::string pcm = mediatest::pathOf("never.f32");
-  CliRun missing = kavlen("waveform " + q(mediatest::pathOf("gone.wav")) + " --pcm " + q(pcm));
+  std::string none = mediatest::pathOf("never.f32");
+  CliRun missing = kavlen("waveform " + q(mediatest::pathOf("gone.wav")) + " --pcm " + q(none));
   EXPECT_EQ(missing.code, 1);
   EXPECT_EQ(missing.err.rfind("kavlen: waveform: no such file", 0), 0u) << missing.err;
   EXPECT_EQ(std::count(missing.err.begin(), missing.err.end(), '\n'), 1);
   EXPECT_TRUE(missing.out.empty());
-
-  CliRun silent = kavlen("waveform " + q(mediatest::indexedVideo(30, 1, false)) + " --pcm " + q(pcm));
+  CliRun silent = kavlen("waveform " + q(mediatest::indexedVideo(30, 1, false)) + " --pcm " + q(none));
   EXPECT_EQ(silent.code, 1);
   EXPECT_NE(silent.err.find("no audio"), std::string::npos) << silent.err;
-  EXPECT_FALSE(std::filesystem::exists(pcm));
-
-  // A cut-off file still prints its peaks, but its pcm is refused and removed.
-  std::string full = mediatest::make("cli_long.m4a",
-                                     "-f lavfi -i \"anoisesrc=d=6:a=0.5\" -c:a aac -movflags +faststart");
-  std::string cut = mediatest::truncatedCopy(full, 0.5, "cli_cut.m4a");
-  CliRun partial = kavlen("waveform " + q(cut) + " --pcm " + q(pcm));
-  EXPECT_EQ(partial.code, 1);
-  EXPECT_FALSE(std::filesystem::exists(pcm));
-  EXPECT_FALSE(std::filesystem::exists(pcm + ".part"));
-
+  // A cut-off file's pcm is refused and removed.
+  std::string full = mediatest::make("cli_long.m4a", "-f lavfi -i \"anoisesrc=d=6:a=0.5\" -c:a aac -movflags +faststart");
+  EXPECT_EQ(kavlen("waveform " + q(mediatest::truncatedCopy(full, 0.5, "cli_cut.m4a")) + " --pcm " + q(none)).code, 1);
+  EXPECT_FALSE(std::filesystem::exists(none));
+  EXPECT_FALSE(std::filesystem::exists(none + ".part"));
   EXPECT_EQ(kavlen("waveform " + q(full) + " --count many").code, 1);
   EXPECT_EQ(kavlen("waveform").code, 1);
 }
 
-TEST(CliThumbnail, WritesAFittedUprightJpeg) {
-  std::string turned = mediatest::rotatedCopy(wideVideo(), 90, "cli_turned.mp4");
+TEST(CliThumbnail, WritesAFittedUprightJpegAndFailsInOneLine) {
+  std::string wide = mediatest::make("cli_wide.mp4", "-f lavfi -i testsrc2=s=320x180:d=2 -pix_fmt yuv420p");
   std::string jpg = mediatest::pathOf("cli_thumb.jpg");
-  CliRun r = kavlen("thumbnail " + q(turned) + " --width 100 -o " + q(jpg));
-  ASSERT_EQ(r.code, 0) << r.err;
-  EXPECT_NE(r.err.find("(56x100)"), std::string::npos) << r.err;
   int w = 0, h = 0, n = 0;
-  ASSERT_TRUE(stbi_info(jpg.c_str(), &w, &h, &n));
-  EXPECT_EQ(w, 56);
-  EXPECT_EQ(h, 100);
+  for (auto [args, size, fw, fh] : {std::tuple{q(mediatest::rotatedCopy(wide, 90, "cli_turned.mp4")) + " --width 100",
+                                               "(56x100)", 56, 100}, {q(wide), "(320x180)", 320, 180}}) {
+    CliRun r = kavlen("thumbnail " + args + " -o " + q(jpg));
+    ASSERT_EQ(r.code, 0) << r.err;
+    EXPECT_NE(r.err.find(size), std::string::npos) << r.err;
+    ASSERT_TRUE(stbi_info(jpg.c_str(), &w, &h, &n));
+    EXPECT_EQ(std::pair(w, h), std::pair(fw, fh));
+  }
 
-  CliRun byDefault = kavlen("thumbnail " + q(wideVideo()) + " -o " + q(jpg));
-  ASSERT_EQ(byDefault.code, 0) << byDefault.err;
-  ASSERT_TRUE(stbi_info(jpg.c_str(), &w, &h, &n));
-  EXPECT_EQ(w, 320);
-  EXPECT_EQ(h, 180);
-}
-
-TEST(CliThumbnail, BadInputIsOneLineAndNoOutputFile) {
-  std::string jpg = mediatest::pathOf("cli_none.jpg");
-  CliRun audio = kavlen("thumbnail " + q(mediatest::make("cli_song.m4a", "-f lavfi -i sine=d=1 -c:a aac")) + " -o " +
-                     q(jpg));
+  std::string none = mediatest::pathOf("cli_none.jpg");
+  CliRun audio = kavlen("thumbnail " + q(mediatest::make("cli_song.m4a", "-f lavfi -i sine=d=1 -c:a aac")) + " -o " + q(none));
   EXPECT_EQ(audio.code, 1);
   EXPECT_EQ(audio.err.rfind("kavlen: thumbnail: no picture", 0), 0u) << audio.err;
-  EXPECT_FALSE(std::filesystem::exists(jpg));
-  EXPECT_FALSE(std::filesystem::exists(jpg + ".part"));
-  EXPECT_EQ(kavlen("thumbnail " + q(wideVideo())).code, 1);  // no -o
-  EXPECT_EQ(kavlen("thumbnail " + q(wideVideo()) + " --width -3 -o " + q(jpg)).code, 1);
-  EXPECT_FALSE(std::filesystem::exists(jpg));
+  EXPECT_EQ(kavlen("thumbnail " + q(wide)).code, 1);  // no -o
+  EXPECT_EQ(kavlen("thumbnail " + q(wide) + " --width -3 -o " + q(none)).code, 1);
+  EXPECT_FALSE(std::filesystem::exists(none));
+  EXPECT_FALSE(std::filesystem::exists(none + ".part"));
 }

@@ -1,10 +1,5 @@
-// Movies for the video tests, made by the ffmpeg program: every frame shows
-// its own index as a colour code, so a test can tell exactly which frame a
-// player put on screen.
-//
-// The picture's top half holds ten vertical stripes, stripe i white when bit
-// i of the frame index is set and black otherwise; the bottom half is pure
-// red, which tells whether colour arrives in the right channels.
+// Movies for the video tests, made by ffmpeg: the top half holds ten stripes,
+// stripe i white when bit i of the frame index is set; the bottom half is red.
 #pragma once
 
 extern "C" {
@@ -22,15 +17,14 @@ struct Clip {
   int32_t width = 320, height = 180;
   int32_t fps = 30;
   double seconds = 2.0;
-  int32_t gop = 12;         // key frame interval
+  int32_t gop = 12;  // key frame interval
   bool bframes = true;
-  bool audio = false;       // a sine track beside the video
-  std::string extra;        // more output options for ffmpeg
+  bool audio = false;  // a sine track beside the video
+  std::string extra;   // more ffmpeg output options
 };
 
 inline bool makeClip(const std::string& path, const Clip& c) {
-  // Boxes switched on and off per frame are far cheaper than a per-pixel
-  // expression, which matters for long clips.
+  // Boxes switched per frame: far cheaper than a per-pixel expression.
   std::string filter = "drawbox=x=0:y=ih/2:w=iw:h=ih/2:color=red:t=fill";
   for (int bit = 0; bit < 10; bit++) {
     char box[256];
@@ -49,17 +43,15 @@ inline bool makeClip(const std::string& path, const Clip& c) {
   return std::system(cmd) == 0;
 }
 
-// The index coded in a decoded frame's luma, or -1 when the stripes are not
-// clean black and white.
-inline int32_t indexOfLuma(const uint8_t* y, int32_t stride, int32_t w, int32_t h) {
+// The index read from pixels (`step` bytes each), or -1 when stripes are not clean.
+template <typename White, typename Black>
+int32_t readStripes(const uint8_t* row, int32_t w, int32_t step, White white, Black black) {
   int32_t index = 0;
-  const int32_t row = h / 4;
   for (int32_t bit = 0; bit < 10; bit++) {
-    int32_t x = static_cast<int32_t>((bit + 0.5) * w / 10);
-    int v = y[static_cast<size_t>(row) * stride + x];
-    if (v > 200)
+    const uint8_t* p = row + static_cast<int32_t>((bit + 0.5) * w / 10) * step;
+    if (white(p))
       index |= 1 << bit;
-    else if (v > 60)
+    else if (!black(p))
       return -1;
   }
   return index;
@@ -67,22 +59,17 @@ inline int32_t indexOfLuma(const uint8_t* y, int32_t stride, int32_t w, int32_t 
 
 inline int32_t indexOfFrame(const AVFrame* f) {
   if (!f || f->linesize[0] <= 0) return -1;
-  return indexOfLuma(f->data[0], f->linesize[0], f->width, f->height);
+  return readStripes(
+      f->data[0] + static_cast<size_t>(f->height / 4) * f->linesize[0], f->width, 1,
+      [](const uint8_t* p) { return *p > 200; }, [](const uint8_t* p) { return *p <= 60; });
 }
 
 // The same code read from RGBA pixels, top row first.
 inline int32_t indexOfRgba(const uint8_t* rgba, int32_t w, int32_t h) {
-  int32_t index = 0;
-  const int32_t row = h / 4;
-  for (int32_t bit = 0; bit < 10; bit++) {
-    int32_t x = static_cast<int32_t>((bit + 0.5) * w / 10);
-    const uint8_t* p = rgba + (static_cast<size_t>(row) * w + x) * 4;
-    if (p[0] > 200 && p[1] > 200 && p[2] > 200)
-      index |= 1 << bit;
-    else if (p[0] > 60 || p[1] > 60 || p[2] > 60)
-      return -1;
-  }
-  return index;
+  return readStripes(
+      rgba + static_cast<size_t>(h / 4) * w * 4, w, 4,
+      [](const uint8_t* p) { return p[0] > 200 && p[1] > 200 && p[2] > 200; },
+      [](const uint8_t* p) { return p[0] <= 60 && p[1] <= 60 && p[2] <= 60; });
 }
 
 }  // namespace videotest
