@@ -78,7 +78,11 @@ BENCHMARK(BM_AnalyzeFile)->Arg(3600)->Iterations(3)->Unit(benchmark::kMillisecon
 std::vector<uint8_t> busy_table() {
   const uint32_t n = static_cast<uint32_t>(600 * 86.1328125);
   std::vector<uint8_t> b = {'K', 'V', 'L', 'S', 1, 0, 0, 0};
-  auto put = [&](const void* p) { b.insert(b.end(), static_cast<const uint8_t*>(p), static_cast<const uint8_t*>(p) + 4); };
+  auto put = [&](const void* p) {
+    const size_t at = b.size();
+    b.resize(at + 4);
+    memcpy(b.data() + at, p, 4);
+  };
   float rate = 86.1328125f, zero = 0.0f, tempo = 128.0f;
   put(&rate);
   put(&zero);

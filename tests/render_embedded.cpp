@@ -20,8 +20,8 @@ void fill_background(uint8_t* pixels, int32_t width, int32_t height, int32_t str
 }
 
 void composite(const kvl_prep* layers, int32_t count, uint8_t* pixels, int32_t width, int32_t height,
-               int32_t stride, int32_t threads, bool simd, bool wide) {
-  ::composite(layers, count, pixels, width, height, stride, threads, simd && cpu_has_avx2(), wide);
+               int32_t stride, int32_t threads, bool simd, bool wide, int64_t* settled) {
+  ::composite(layers, count, pixels, width, height, stride, threads, simd && cpu_has_avx2(), wide, settled);
 }
 
 }  // namespace embedded

@@ -31,7 +31,8 @@ bool simd_available();
 // vector path keeps to the four-wide AVX2 kernels.
 bool wide_available();
 void fill_background(uint8_t* pixels, int32_t width, int32_t height, int32_t stride);
+// `settled`, where given, receives how many pixels hid the layers beneath.
 void composite(const kvl_prep* layers, int32_t count, uint8_t* pixels, int32_t width, int32_t height,
-               int32_t stride, int32_t threads, bool simd, bool wide = true);
+               int32_t stride, int32_t threads, bool simd, bool wide = true, int64_t* settled = nullptr);
 
 }  // namespace embedded

@@ -201,7 +201,7 @@ void random_content(Rng* rng, kvl_prep* p) {
   ic[5] = 360 - ic[4] * cy - ic[3] * cx;
 }
 
-void random_fill(SceneBuilder* b, Rng* rng, kvl_prep* p) {
+void random_fill(SceneBuilder* b, Rng* rng, kvl_prep* p, bool opaque) {
   const int mode = rng->range(0, 5);
   if (mode <= 1) return;  // solid, set by base()
   const int w = rng->range(1, 24), h = rng->range(1, 16);
@@ -215,7 +215,7 @@ void random_fill(SceneBuilder* b, Rng* rng, kvl_prep* p) {
     img[i] = (uint8_t)(c >> 16);
     img[i + 1] = (uint8_t)(c >> 8);
     img[i + 2] = (uint8_t)c;
-    img[i + 3] = (uint8_t)(c >> 24);
+    img[i + 3] = opaque ? 255 : (uint8_t)(c >> 24);
   }
   b->cover(p, b->source(w, h, img.data()));
   if (mode == 5) p->cover_scale *= rng->uni(0.5, 2);
@@ -232,11 +232,12 @@ kvl_fx random_fx(SceneBuilder* b, Rng* rng) {
 
 }  // namespace
 
-void random_scene(SceneBuilder* b, Rng* rng) {
-  const int n = rng->range(1, 6);
+void random_scene(SceneBuilder* b, Rng* rng, double opaque, int max_layers) {
+  const int n = rng->range(1, max_layers);
   for (int i = 0; i < n; i++) {
-    kvl_prep p = b->base(random_argb(rng));
-    random_fill(b, rng, &p);
+    const bool solid_layer = rng->chance(opaque);
+    kvl_prep p = b->base(random_argb(rng) | (solid_layer ? 0xFF000000u : 0u));
+    random_fill(b, rng, &p, solid_layer);
     random_content(rng, &p);
     if (rng->chance(0.3)) p.mask = b->keep(blocky(rng, 1280, 720, rng->chance(0.5) ? 16 : 200));
     const int road = rng->range(0, 9);
@@ -302,9 +303,9 @@ void random_scene(SceneBuilder* b, Rng* rng) {
       for (int k = 0; k < p.behind_count; k++) p.behind[k] = random_fx(b, rng);
       for (int k = 0; k < p.front_count; k++) p.front[k] = random_fx(b, rng);
     }
-    p.opacity = rng->chance(0.4) ? 1.0 : rng->uni(0.02, 1);
-    p.luma = rng->chance(0.25);
-    p.isolate = rng->chance(0.4);
+    p.opacity = solid_layer || rng->chance(0.4) ? 1.0 : rng->uni(0.02, 1);
+    p.luma = !solid_layer && rng->chance(0.25);
+    p.isolate = !solid_layer && rng->chance(0.4);
     b->layers.push_back(p);
   }
 }

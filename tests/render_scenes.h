@@ -50,7 +50,9 @@ struct SceneBuilder {
   kvl_fx fx(int32_t x, int32_t y, int32_t w, int32_t h, uint32_t argb, uint8_t fill);
 };
 
-// A random scene of 1 to 6 layers on a frame of the builder's size.
-void random_scene(SceneBuilder* b, Rng* rng);
+// A random scene of 1 to max_layers layers on a frame of the builder's size.
+// Each layer is, with probability `opaque`, one that can hide what lies
+// beneath: full opacity, drawn straight onto the frame, opaque paint.
+void random_scene(SceneBuilder* b, Rng* rng, double opaque = 0, int max_layers = 6);
 
 }  // namespace rscene

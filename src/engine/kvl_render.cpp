@@ -26,6 +26,17 @@
 //     same texels.
 // The order in which the pixels of one layer are visited is free: a pixel's
 // result depends only on its own earlier value.
+//
+// Hidden pixels are not drawn. Over an opaque pixel, blend() gives
+// round((1 - t) D + t c) for each channel, which grows with D; where it gives
+// the same byte for D = 0 and D = 255, it gives that byte whatever lies
+// beneath (with t = 1, always). A band is drawn in chunks of rows, and each
+// chunk first probes the opaque-looking layers from the top down: every
+// pixel remembers the topmost drawing step (a cell or a polygon) whose result
+// there is settled, and that result. Drawing then runs bottom up as usual,
+// skipping the steps below a pixel's settled step and putting the remembered
+// bytes back at it. The bytes are the ones the full drawing would give; only
+// work whose outcome is overwritten is left out.
 #include <math.h>
 #include <pthread.h>
 #include <stdlib.h>
@@ -80,6 +91,7 @@ struct kvl_job {
   int32_t y0, y1;
   bool simd;  // AVX2 kernels
   bool wide;  // AVX-512 kernels where the processor has them
+  int64_t settled;  // out: pixels whose lower layers were skipped
 };
 
 // Where a layer draws: `base` holds row `row0`, rows are `stride` bytes
@@ -109,9 +121,39 @@ struct shade {
   double cover_ox, cover_oy, cover_scale;
   bool cover_mul;     // cover_scale is a power of two with an exact reciprocal
   double cover_inv;   // 1 / cover_scale, exact when cover_mul
+  // The content transform or the cover fit changes nothing: 1 u + 0 v + 0 and
+  // (u - 0) / 1 give back u, up to the sign of a zero, which no later step
+  // tells apart; and where v is not finite the point fails its range test
+  // either way. The vector kernels skip the arithmetic then.
+  bool ic_identity, cover_identity;
   bool simd;  // the AVX2 kernels may run for this layer
   bool wide;  // and the AVX-512 ones too
+  // Hidden pixels of the chunk (see run_job): `hid` holds, for each pixel, the
+  // id of the topmost step whose result there is settled (0: none), and `keep`
+  // that result, 4 bytes a pixel; rows of `hid_w` pixels from row `hid_y0`.
+  // Null `hid`: every pixel is drawn.
+  uint16_t* hid;
+  uint8_t* keep;
+  int32_t hid_y0, hid_w;
+  int32_t op;      // probing: the step's id; drawing: pixels with hid >= op are skipped
+  bool probe;      // settle pixels into hid/keep instead of drawing
+  int64_t* tally;  // probing: pixels probed, pixels settled
 };
+
+// The chunk's hidden-pixel rows for frame row y; both null without culling.
+struct hid_rows {
+  uint16_t* h;
+  uint8_t* k;
+};
+
+inline hid_rows hid_at(const shade& s, int32_t y) {
+  if (!s.hid) return {nullptr, nullptr};
+  const ptrdiff_t off = static_cast<ptrdiff_t>(y - s.hid_y0) * s.hid_w;
+  return {s.hid + off, s.keep + 4 * off};
+}
+
+// Whether a pixel with hidden-map entry h takes part in the current pass.
+inline bool hid_open(const shade& s, uint16_t h) { return s.probe ? h == 0 : h < s.op; }
 
 inline kvl_color argb_color(uint32_t c) {
   kvl_color out;
@@ -152,6 +194,9 @@ shade make_shade(const kvl_prep* p, double opacity, bool luma, bool simd, bool w
   s.cover_ox = p->cover_ox;
   s.cover_oy = p->cover_oy;
   s.cover_scale = p->cover_scale;
+  s.ic_identity = s.ic[0] == 1.0 && s.ic[1] == 0.0 && s.ic[2] == 0.0 && s.ic[3] == 0.0 && s.ic[4] == 1.0 &&
+                  s.ic[5] == 0.0;
+  s.cover_identity = s.cover_ox == 0.0 && s.cover_oy == 0.0 && s.cover_scale == 1.0;
   // x / 2^k and x * 2^-k are the same correctly rounded number whenever 2^-k
   // is itself a double, so the vector sampler may multiply instead. The
   // exponent range keeps the reciprocal a normal double.
@@ -258,12 +303,17 @@ bool surface_color(const shade& s, kvl_color* out, double u, double v) {
 
 // Puts one colour on one pixel: over an opaque pixel the plain mix, over a
 // transparent one (only private band buffers have those) straight-alpha over.
-void blend(uint8_t* px, const kvl_color& c, bool luma, double alpha) {
+inline double blend_weight(const kvl_color& c, bool luma, double alpha) {
   double t = alpha * kInv255 * c.a;
   if (luma) {
     const double y = clamp01((0.598 * c.r + 1.174 * c.g + 0.228 * c.b) * kInv255 - 0.04);
     t = t * y;
   }
+  return t;
+}
+
+void blend(uint8_t* px, const kvl_color& c, bool luma, double alpha) {
+  double t = blend_weight(c, luma, alpha);
   if (!(t > 0.0)) return;
   if (t > 1.0) t = 1.0;
   const double da = static_cast<double>(px[3]) * kInv255;
@@ -282,31 +332,64 @@ void blend(uint8_t* px, const kvl_color& c, bool luma, double alpha) {
   px[3] = round_byte(255.0 * oa);
 }
 
+// Probing: blend() over an opaque pixel, for D = 0 and D = 255. Where both
+// give the same bytes, every D between does too, and the pixel is settled by
+// this step.
+void settle(const shade& s, const kvl_color& c, double alpha, int32_t x, hid_rows hr) {
+  double t = blend_weight(c, s.luma, alpha);
+  if (!(t > 0.0)) return;
+  if (t > 1.0) t = 1.0;
+  s.tally[0]++;
+  const double ch[3] = {c.r, c.g, c.b};
+  uint8_t* k = hr.k + 4 * static_cast<ptrdiff_t>(x);
+  for (int i = 0; i < 3; i++) {
+    const uint8_t lo = round_byte((1.0 - t) * 0.0 + t * ch[i]);
+    if (round_byte((1.0 - t) * 255.0 + t * ch[i]) != lo) return;
+    k[i] = lo;
+  }
+  k[3] = 255;
+  hr.h[x] = static_cast<uint16_t>(s.op);
+  s.tally[1]++;
+}
+
+// Blends or, when probing, settles one colour at pixel x of a row.
+inline void put(const shade& s, const kvl_color& c, double alpha, int32_t x, uint8_t* row, hid_rows hr) {
+  if (s.probe)
+    settle(s, c, alpha, x, hr);
+  else
+    blend(row + 4 * static_cast<ptrdiff_t>(x), c, s.luma, alpha);
+}
+
 // One pixel of a quad cell: (u, v) is kvl_h_apply of the cell's inverse at
 // the pixel's centre, written out here with the same operation order.
-inline void cell_pixel(const shade& s, const double* m, double cx, double cy, double alpha, uint8_t* px) {
+inline void cell_pixel(const shade& s, const double* m, int32_t x, double cy, double alpha, uint8_t* row,
+                       hid_rows hr) {
+  if (hr.h && !hid_open(s, hr.h[x])) return;
+  const double cx = x + 0.5;
   const double w = (m[6] * cx + m[7] * cy) + m[8];
   const double u = ((m[0] * cx + m[1] * cy) + m[2]) / w;
   const double v = ((m[3] * cx + m[4] * cy) + m[5]) / w;
   kvl_color c;
-  if (surface_color(s, &c, u, v)) blend(px, c, s.luma, alpha);
+  if (surface_color(s, &c, u, v)) put(s, c, alpha, x, row, hr);
 }
 
 void cell_span_plain(const shade& s, const double* m, int32_t y, int32_t xa, int32_t xb, uint8_t* row) {
   const double cy = y + 0.5;
-  for (int32_t x = xa; x < xb; x++) cell_pixel(s, m, x + 0.5, cy, s.opacity, row + 4 * static_cast<ptrdiff_t>(x));
+  const hid_rows hr = hid_at(s, y);
+  for (int32_t x = xa; x < xb; x++) cell_pixel(s, m, x, cy, s.opacity, row, hr);
 }
 
-void poly_span_plain(const shade& s, const kvl_prep* p, double v, int32_t xa, int32_t xb, const uint8_t* cov,
-                     uint8_t* row) {
+void poly_span_plain(const shade& s, const kvl_prep* p, int32_t y, double v, int32_t xa, int32_t xb,
+                     const uint8_t* cov, uint8_t* row) {
   const double k = kInv255 * s.opacity;
+  const hid_rows hr = hid_at(s, y);
   for (int32_t x = xa; x < xb; x++) {
     const uint8_t c = cov[x - xa];
-    if (!c) continue;
+    if (!c || (hr.h && !hid_open(s, hr.h[x]))) continue;
     const double u = (x + 0.5 - p->poly_ox) / p->poly_scale;
     if (!(u >= 0.0 && u < kSurfW)) continue;
     kvl_color col;
-    if (surface_color(s, &col, u, v)) blend(row + 4 * static_cast<ptrdiff_t>(x), col, s.luma, c * k);
+    if (surface_color(s, &col, u, v)) put(s, col, c * k, x, row, hr);
   }
 }
 
@@ -349,17 +432,23 @@ KVL_AVX2_INLINE __m128i v_lane_mask(int bits) {
 
 // blend() for four pixels at px, with per-lane colour, alpha * 1/255 (aK) and
 // the lanes to touch.
-KVL_AVX2_INLINE void v_blend(uint8_t* px, __m256d cr, __m256d cg, __m256d cb, __m256d ca, __m256d aK, bool luma,
-                             __m256d act) {
-  const __m256d zero = _mm256_setzero_pd(), one = _mm256_set1_pd(1.0);
+// blend_weight() for four pixels.
+KVL_AVX2_INLINE __m256d v_weight(__m256d cr, __m256d cg, __m256d cb, __m256d ca, __m256d aK, bool luma) {
   __m256d t = _mm256_mul_pd(aK, ca);
   if (luma) {
     __m256d y = _mm256_add_pd(_mm256_mul_pd(_mm256_set1_pd(0.598), cr), _mm256_mul_pd(_mm256_set1_pd(1.174), cg));
     y = _mm256_add_pd(y, _mm256_mul_pd(_mm256_set1_pd(0.228), cb));
     y = _mm256_sub_pd(_mm256_mul_pd(y, _mm256_set1_pd(kInv255)), _mm256_set1_pd(0.04));
-    y = _mm256_min_pd(_mm256_max_pd(y, zero), one);
+    y = _mm256_min_pd(_mm256_max_pd(y, _mm256_setzero_pd()), _mm256_set1_pd(1.0));
     t = _mm256_mul_pd(t, y);
   }
+  return t;
+}
+
+KVL_AVX2_INLINE void v_blend(uint8_t* px, __m256d cr, __m256d cg, __m256d cb, __m256d ca, __m256d aK, bool luma,
+                             __m256d act) {
+  const __m256d zero = _mm256_setzero_pd(), one = _mm256_set1_pd(1.0);
+  __m256d t = v_weight(cr, cg, cb, ca, aK, luma);
   act = _mm256_and_pd(act, _mm256_cmp_pd(t, zero, _CMP_GT_OQ));
   int bits = _mm256_movemask_pd(act);
   if (!bits) return;
@@ -396,6 +485,46 @@ KVL_AVX2_INLINE void v_blend(uint8_t* px, __m256d cr, __m256d cg, __m256d cb, __
   outv = _mm_or_si128(outv, _mm_slli_epi32(a, 24));
   if (bits != 15) outv = _mm_blendv_epi8(old, outv, v_lane_mask(bits));
   _mm_storeu_si128(reinterpret_cast<__m128i*>(px), outv);
+}
+
+// settle() for the four pixels from x on of a probed row.
+KVL_AVX2_INLINE void v_settle(const shade& s, hid_rows hr, int32_t x, __m256d cr, __m256d cg, __m256d cb, __m256d ca,
+                              __m256d aK, __m256d act) {
+  const __m256d zero = _mm256_setzero_pd(), one = _mm256_set1_pd(1.0), full = _mm256_set1_pd(255.0);
+  __m256d t = v_weight(cr, cg, cb, ca, aK, s.luma);
+  act = _mm256_and_pd(act, _mm256_cmp_pd(t, zero, _CMP_GT_OQ));
+  int bits = _mm256_movemask_pd(act);
+  if (!bits) return;
+  s.tally[0] += __builtin_popcount(static_cast<unsigned>(bits));
+  t = _mm256_min_pd(t, one);
+  const __m256d omt = _mm256_sub_pd(one, t);
+  __m128i out = _mm_set1_epi32(static_cast<int32_t>(0xFF000000u));
+  const __m256d ch[3] = {cr, cg, cb};
+  for (int i = 0; i < 3; i++) {
+    const __m256d tc = _mm256_mul_pd(t, ch[i]);
+    const __m256d lo = v_round(_mm256_add_pd(_mm256_mul_pd(omt, zero), tc));
+    const __m256d hi = v_round(_mm256_add_pd(_mm256_mul_pd(omt, full), tc));
+    bits &= _mm256_movemask_pd(_mm256_cmp_pd(lo, hi, _CMP_EQ_OQ));
+    out = _mm_or_si128(out, _mm_slli_epi32(_mm256_cvttpd_epi32(lo), 8 * i));
+  }
+  if (!bits) return;
+  alignas(16) uint32_t px[4];
+  _mm_store_si128(reinterpret_cast<__m128i*>(px), out);
+  for (unsigned m = static_cast<unsigned>(bits); m; m &= m - 1) {
+    const int l = __builtin_ctz(m);
+    memcpy(hr.k + 4 * static_cast<ptrdiff_t>(x + l), &px[l], 4);
+    hr.h[x + l] = static_cast<uint16_t>(s.op);
+  }
+  s.tally[1] += __builtin_popcount(static_cast<unsigned>(bits));
+}
+
+// The lanes of the four pixels from x on that take part in this pass.
+KVL_AVX2_INLINE __m256d v_open(const shade& s, const uint16_t* h, int32_t x) {
+  int64_t four;
+  memcpy(&four, h + x, 8);
+  const __m128i e = _mm_cvtepu16_epi32(_mm_cvtsi64_si128(four));
+  const __m128i open = s.probe ? _mm_cmpeq_epi32(e, _mm_setzero_si128()) : _mm_cmplt_epi32(e, _mm_set1_epi32(s.op));
+  return _mm256_castsi256_pd(_mm256_cvtepi32_epi64(open));
 }
 
 // sample_src() for four lanes; lanes outside `act` may hold anything, their
@@ -503,6 +632,8 @@ constexpr int kBatch = 16;
 struct v_batch {
   __m256d u[kBatch], v[kBatch], alpha[kBatch], act[kBatch];
   uint8_t* px[kBatch];
+  int32_t x[kBatch];  // the group's first pixel, for probing
+  hid_rows hr;
   int n;
 };
 
@@ -539,12 +670,13 @@ KVL_AVX2_INLINE void v_shade_batch(const shade& s, v_batch* b) {
       m = _mm256_mul_pd(_mm256_cvtepi32_pd(bytes), _mm256_set1_pd(kInv255));
       act = _mm256_and_pd(act, _mm256_cmp_pd(m, zero, _CMP_NEQ_UQ));
     }
-    const __m256d cu = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(_mm256_set1_pd(s.ic[0]), u),
-                                                   _mm256_mul_pd(_mm256_set1_pd(s.ic[1]), v)),
-                                     _mm256_set1_pd(s.ic[2]));
-    const __m256d cv = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(_mm256_set1_pd(s.ic[3]), u),
-                                                   _mm256_mul_pd(_mm256_set1_pd(s.ic[4]), v)),
-                                     _mm256_set1_pd(s.ic[5]));
+    __m256d cu = u, cv = v;
+    if (!s.ic_identity) {
+      cu = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(_mm256_set1_pd(s.ic[0]), u), _mm256_mul_pd(_mm256_set1_pd(s.ic[1]), v)),
+                         _mm256_set1_pd(s.ic[2]));
+      cv = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(_mm256_set1_pd(s.ic[3]), u), _mm256_mul_pd(_mm256_set1_pd(s.ic[4]), v)),
+                         _mm256_set1_pd(s.ic[5]));
+    }
     act = _mm256_and_pd(act, _mm256_cmp_pd(cu, zero, _CMP_GE_OQ));
     act = _mm256_and_pd(act, _mm256_cmp_pd(cu, _mm256_set1_pd(kSurfW), _CMP_LT_OQ));
     act = _mm256_and_pd(act, _mm256_cmp_pd(cv, zero, _CMP_GE_OQ));
@@ -553,8 +685,9 @@ KVL_AVX2_INLINE void v_shade_batch(const shade& s, v_batch* b) {
     if (s.kind == FILL_SOLID) {
       ca[i] = _mm256_mul_pd(me[i], _mm256_set1_pd(s.ca));
     } else if (s.kind == FILL_PIXELS) {
-      __m256d sx, sy;
-      if (s.cover_mul) {
+      __m256d sx = cu, sy = cv;
+      if (s.cover_identity) {
+      } else if (s.cover_mul) {
         // The scale is a power of two: the product by its exact reciprocal
         // is the same correctly rounded number as the quotient.
         const __m256d ci = _mm256_set1_pd(s.cover_inv);
@@ -602,7 +735,10 @@ KVL_AVX2_INLINE void v_shade_batch(const shade& s, v_batch* b) {
     if (!_mm256_movemask_pd(b->act[i])) continue;
     const __m256d aK = _mm256_mul_pd(b->alpha[i], _mm256_set1_pd(kInv255));
     const __m256d act = _mm256_and_pd(b->act[i], _mm256_cmp_pd(ca[i], zero, _CMP_GT_OQ));
-    v_blend(b->px[i], cr[i], cg[i], cb[i], ca[i], aK, s.luma, act);
+    if (s.probe)
+      v_settle(s, b->hr, b->x[i], cr[i], cg[i], cb[i], ca[i], aK, act);
+    else
+      v_blend(b->px[i], cr[i], cg[i], cb[i], ca[i], aK, s.luma, act);
   }
 }
 
@@ -615,33 +751,39 @@ KVL_AVX2 void cell_span_avx2(const shade& s, const double* m, int32_t y, int32_t
   const __m256d all = _mm256_castsi256_pd(_mm256_set1_epi64x(-1));
   const __m128i lane = _mm_set_epi32(3, 2, 1, 0);
   v_batch b;
+  b.hr = hid_at(s, y);
   int32_t x = xa;
   while (x + 4 <= xb) {
     int n = 0;
-    for (; n < kBatch && x + 4 <= xb; x += 4, n++) {
+    for (; n < kBatch && x + 4 <= xb; x += 4) {
+      const __m256d act = b.hr.h ? v_open(s, b.hr.h, x) : all;
+      if (!_mm256_movemask_pd(act)) continue;
       const __m256d cx =
           _mm256_add_pd(_mm256_cvtepi32_pd(_mm_add_epi32(_mm_set1_epi32(x), lane)), _mm256_set1_pd(0.5));
       const __m256d w = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(m6, cx), m7cy), m8);
       b.u[n] = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(m0, cx), m1cy), m2), w);
       b.v[n] = _mm256_div_pd(_mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(m3, cx), m4cy), m5), w);
       b.alpha[n] = alpha;
-      b.act[n] = all;
+      b.act[n] = act;
       b.px[n] = row + 4 * static_cast<ptrdiff_t>(x);
+      b.x[n] = x;
+      n++;
     }
     b.n = n;
-    v_shade_batch(s, &b);
+    if (n) v_shade_batch(s, &b);
   }
-  for (; x < xb; x++) cell_pixel(s, m, x + 0.5, cy, s.opacity, row + 4 * static_cast<ptrdiff_t>(x));
+  for (; x < xb; x++) cell_pixel(s, m, x, cy, s.opacity, row, b.hr);
 }
 
-KVL_AVX2 void poly_span_avx2(const shade& s, const kvl_prep* p, double v, int32_t xa, int32_t xb, const uint8_t* cov,
-                             uint8_t* row) {
+KVL_AVX2 void poly_span_avx2(const shade& s, const kvl_prep* p, int32_t y, double v, int32_t xa, int32_t xb,
+                             const uint8_t* cov, uint8_t* row) {
   const __m256d zero = _mm256_setzero_pd();
   const __m256d ox = _mm256_set1_pd(p->poly_ox), sc = _mm256_set1_pd(p->poly_scale);
   const __m256d k = _mm256_set1_pd(kInv255 * s.opacity);
   const __m256d vv = _mm256_set1_pd(v);
   const __m128i lane = _mm_set_epi32(3, 2, 1, 0);
   v_batch b;
+  b.hr = hid_at(s, y);
   int32_t x = xa;
   while (x + 4 <= xb) {
     int n = 0;
@@ -654,6 +796,7 @@ KVL_AVX2 void poly_span_avx2(const shade& s, const kvl_prep* p, double v, int32_
           _mm256_add_pd(_mm256_cvtepi32_pd(_mm_add_epi32(_mm_set1_epi32(x), lane)), _mm256_set1_pd(0.5));
       const __m256d u = _mm256_div_pd(_mm256_sub_pd(cx, ox), sc);
       __m256d act = _mm256_cmp_pd(c, zero, _CMP_NEQ_OQ);
+      if (b.hr.h) act = _mm256_and_pd(act, v_open(s, b.hr.h, x));
       act = _mm256_and_pd(act, _mm256_cmp_pd(u, zero, _CMP_GE_OQ));
       act = _mm256_and_pd(act, _mm256_cmp_pd(u, _mm256_set1_pd(kSurfW), _CMP_LT_OQ));
       if (!_mm256_movemask_pd(act)) continue;
@@ -662,12 +805,13 @@ KVL_AVX2 void poly_span_avx2(const shade& s, const kvl_prep* p, double v, int32_
       b.alpha[n] = _mm256_mul_pd(c, k);
       b.act[n] = act;
       b.px[n] = row + 4 * static_cast<ptrdiff_t>(x);
+      b.x[n] = x;
       n++;
     }
     b.n = n;
     if (n) v_shade_batch(s, &b);
   }
-  if (x < xb) poly_span_plain(s, p, v, x, xb, cov + (x - xa), row);
+  if (x < xb) poly_span_plain(s, p, y, v, x, xb, cov + (x - xa), row);
 }
 
 KVL_AVX2 void fx_span_avx2(const kvl_color& col, bool luma, double k, const uint8_t* cov, int32_t n, uint8_t* row) {
@@ -724,17 +868,23 @@ KVL_AVX512_INLINE __m512d w_channel(__m256i px, int shift) {
 KVL_AVX512_INLINE __m512d w_alpha(__m256i px) { return _mm512_cvtepi32_pd(_mm256_srli_epi32(px, 24)); }
 
 // v_blend() for eight pixels; only the lanes of `act` are read and stored.
-KVL_AVX512_INLINE void w_blend(uint8_t* px, __m512d cr, __m512d cg, __m512d cb, __m512d ca, __m512d aK, bool luma,
-                               __mmask8 act) {
-  const __m512d zero = _mm512_setzero_pd(), one = _mm512_set1_pd(1.0);
+// blend_weight() for eight pixels.
+KVL_AVX512_INLINE __m512d w_weight(__m512d cr, __m512d cg, __m512d cb, __m512d ca, __m512d aK, bool luma) {
   __m512d t = _mm512_mul_pd(aK, ca);
   if (luma) {
     __m512d y = _mm512_add_pd(_mm512_mul_pd(_mm512_set1_pd(0.598), cr), _mm512_mul_pd(_mm512_set1_pd(1.174), cg));
     y = _mm512_add_pd(y, _mm512_mul_pd(_mm512_set1_pd(0.228), cb));
     y = _mm512_sub_pd(_mm512_mul_pd(y, _mm512_set1_pd(kInv255)), _mm512_set1_pd(0.04));
-    y = _mm512_min_pd(_mm512_max_pd(y, zero), one);
+    y = _mm512_min_pd(_mm512_max_pd(y, _mm512_setzero_pd()), _mm512_set1_pd(1.0));
     t = _mm512_mul_pd(t, y);
   }
+  return t;
+}
+
+KVL_AVX512_INLINE void w_blend(uint8_t* px, __m512d cr, __m512d cg, __m512d cb, __m512d ca, __m512d aK, bool luma,
+                               __mmask8 act) {
+  const __m512d zero = _mm512_setzero_pd(), one = _mm512_set1_pd(1.0);
+  __m512d t = w_weight(cr, cg, cb, ca, aK, luma);
   act &= _mm512_cmp_pd_mask(t, zero, _CMP_GT_OQ);
   if (!act) return;
   t = _mm512_min_pd(t, one);
@@ -768,6 +918,48 @@ KVL_AVX512_INLINE void w_blend(uint8_t* px, __m512d cr, __m512d cg, __m512d cb, 
   outv = _mm256_or_si256(outv, _mm256_slli_epi32(_mm512_cvttpd_epi32(b), 16));
   outv = _mm256_or_si256(outv, _mm256_slli_epi32(a, 24));
   _mm256_mask_storeu_epi32(px, act, outv);
+}
+
+// settle() for the eight pixels from x on of a probed row.
+KVL_AVX512_INLINE void w_settle(const shade& s, hid_rows hr, int32_t x, __m512d cr, __m512d cg, __m512d cb, __m512d ca,
+                                __m512d aK, __mmask8 act) {
+  const __m512d zero = _mm512_setzero_pd(), one = _mm512_set1_pd(1.0), full = _mm512_set1_pd(255.0);
+  __m512d t = w_weight(cr, cg, cb, ca, aK, s.luma);
+  act &= _mm512_cmp_pd_mask(t, zero, _CMP_GT_OQ);
+  if (!act) return;
+  s.tally[0] += __builtin_popcount(act);
+  t = _mm512_min_pd(t, one);
+  const __m512d omt = _mm512_sub_pd(one, t);
+  __m256i out = _mm256_set1_epi32(static_cast<int32_t>(0xFF000000u));
+  const __m512d ch[3] = {cr, cg, cb};
+  for (int i = 0; i < 3; i++) {
+    const __m512d tc = _mm512_mul_pd(t, ch[i]);
+    const __m512d lo = w_round(_mm512_add_pd(_mm512_mul_pd(omt, zero), tc));
+    const __m512d hi = w_round(_mm512_add_pd(_mm512_mul_pd(omt, full), tc));
+    act &= _mm512_cmp_pd_mask(lo, hi, _CMP_EQ_OQ);
+    out = _mm256_or_si256(out, _mm256_slli_epi32(_mm512_cvttpd_epi32(lo), 8 * i));
+  }
+  if (!act) return;
+  _mm256_mask_storeu_epi32(hr.k + 4 * static_cast<ptrdiff_t>(x), act, out);
+  for (unsigned m = act; m; m &= m - 1) hr.h[x + __builtin_ctz(m)] = static_cast<uint16_t>(s.op);
+  s.tally[1] += __builtin_popcount(act);
+}
+
+// The lanes among `lanes` of the eight pixels from x on that take part in
+// this pass.
+KVL_AVX512_INLINE __mmask8 w_open(const shade& s, const uint16_t* h, int32_t x, __mmask8 lanes) {
+  __m128i e16;
+  if (lanes == 0xFF) {
+    e16 = _mm_loadu_si128(reinterpret_cast<const __m128i*>(h + x));
+  } else {  // the row may end before the group does
+    alignas(16) uint16_t part[8] = {};
+    memcpy(part, h + x, 2 * static_cast<size_t>(32 - __builtin_clz(static_cast<unsigned>(lanes))));
+    e16 = _mm_load_si128(reinterpret_cast<const __m128i*>(part));
+  }
+  const __m256i e = _mm256_cvtepu16_epi32(e16);
+  const __mmask8 open = s.probe ? _mm256_cmpeq_epi32_mask(e, _mm256_setzero_si256())
+                                : _mm256_cmplt_epi32_mask(e, _mm256_set1_epi32(s.op));
+  return lanes & open;
 }
 
 // v_sample() for eight lanes comes in two steps, w_fetch() and w_mix(), run
@@ -901,6 +1093,8 @@ struct w_batch {
   __m512d u[kWideBatch], v[kWideBatch], alpha[kWideBatch];
   __mmask8 act[kWideBatch];
   uint8_t* px[kWideBatch];
+  int32_t x[kWideBatch];  // the group's first pixel, for probing
+  hid_rows hr;
   int n;
 };
 
@@ -937,20 +1131,22 @@ KVL_AVX512_INLINE void w_shade_batch(const shade& s, w_batch* b) {
       m = _mm512_mul_pd(_mm512_cvtepi32_pd(bytes), _mm512_set1_pd(kInv255));
       act &= _mm512_cmp_pd_mask(m, zero, _CMP_NEQ_UQ);
     }
-    const __m512d cu = _mm512_add_pd(_mm512_add_pd(_mm512_mul_pd(_mm512_set1_pd(s.ic[0]), u),
-                                                   _mm512_mul_pd(_mm512_set1_pd(s.ic[1]), v)),
-                                     _mm512_set1_pd(s.ic[2]));
-    const __m512d cv = _mm512_add_pd(_mm512_add_pd(_mm512_mul_pd(_mm512_set1_pd(s.ic[3]), u),
-                                                   _mm512_mul_pd(_mm512_set1_pd(s.ic[4]), v)),
-                                     _mm512_set1_pd(s.ic[5]));
+    __m512d cu = u, cv = v;
+    if (!s.ic_identity) {
+      cu = _mm512_add_pd(_mm512_add_pd(_mm512_mul_pd(_mm512_set1_pd(s.ic[0]), u), _mm512_mul_pd(_mm512_set1_pd(s.ic[1]), v)),
+                         _mm512_set1_pd(s.ic[2]));
+      cv = _mm512_add_pd(_mm512_add_pd(_mm512_mul_pd(_mm512_set1_pd(s.ic[3]), u), _mm512_mul_pd(_mm512_set1_pd(s.ic[4]), v)),
+                         _mm512_set1_pd(s.ic[5]));
+    }
     act &= _mm512_cmp_pd_mask(cu, zero, _CMP_GE_OQ) & _mm512_cmp_pd_mask(cu, _mm512_set1_pd(kSurfW), _CMP_LT_OQ) &
            _mm512_cmp_pd_mask(cv, zero, _CMP_GE_OQ) & _mm512_cmp_pd_mask(cv, _mm512_set1_pd(kSurfH), _CMP_LT_OQ);
     me[i] = _mm512_mul_pd(m, e);
     if (s.kind == FILL_SOLID) {
       ca[i] = _mm512_mul_pd(me[i], _mm512_set1_pd(s.ca));
     } else if (s.kind == FILL_PIXELS) {
-      __m512d sx, sy;
-      if (s.cover_mul) {
+      __m512d sx = cu, sy = cv;
+      if (s.cover_identity) {
+      } else if (s.cover_mul) {
         const __m512d ci = _mm512_set1_pd(s.cover_inv);
         sx = _mm512_mul_pd(_mm512_sub_pd(cu, _mm512_set1_pd(s.cover_ox)), ci);
         sy = _mm512_mul_pd(_mm512_sub_pd(cv, _mm512_set1_pd(s.cover_oy)), ci);
@@ -996,7 +1192,10 @@ KVL_AVX512_INLINE void w_shade_batch(const shade& s, w_batch* b) {
     if (!b->act[i]) continue;
     const __m512d aK = _mm512_mul_pd(b->alpha[i], _mm512_set1_pd(kInv255));
     const __mmask8 act = b->act[i] & _mm512_cmp_pd_mask(ca[i], zero, _CMP_GT_OQ);
-    w_blend(b->px[i], cr[i], cg[i], cb[i], ca[i], aK, s.luma, act);
+    if (s.probe)
+      w_settle(s, b->hr, b->x[i], cr[i], cg[i], cb[i], ca[i], aK, act);
+    else
+      w_blend(b->px[i], cr[i], cg[i], cb[i], ca[i], aK, s.luma, act);
   }
 }
 
@@ -1012,18 +1211,20 @@ KVL_AVX512 void cell_span_avx512(const shade& s, const double* m, int32_t y, int
   const __m512d alpha = _mm512_set1_pd(s.opacity);
   const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
   w_batch b;
+  b.hr = hid_at(s, y);
   int32_t x = xa;
   // The last group may be partial: its lanes past xb start inactive and are
   // neither read nor written.
   while (x < xb) {
     int n = 0;
-    for (; n < kWideBatch && x < xb; x += 8, n++) {
+    for (; n < kWideBatch && x < xb; x += 8) {
+      __mmask8 lanes = xb - x >= 8 ? 0xFF : static_cast<__mmask8>((1u << (xb - x)) - 1);
+      if (b.hr.h && !(lanes = w_open(s, b.hr.h, x, lanes))) continue;
       const __m512d cx =
           _mm512_add_pd(_mm512_cvtepi32_pd(_mm256_add_epi32(_mm256_set1_epi32(x), lane)), _mm512_set1_pd(0.5));
       const __m512d w = _mm512_add_pd(_mm512_add_pd(_mm512_mul_pd(m6, cx), m7cy), m8);
       b.u[n] = _mm512_div_pd(_mm512_add_pd(_mm512_add_pd(_mm512_mul_pd(m0, cx), m1cy), m2), w);
       b.v[n] = _mm512_div_pd(_mm512_add_pd(_mm512_add_pd(_mm512_mul_pd(m3, cx), m4cy), m5), w);
-      const __mmask8 lanes = xb - x >= 8 ? 0xFF : static_cast<__mmask8>((1u << (xb - x)) - 1);
       if (cover) {
         b.alpha[n] = _mm512_maskz_loadu_pd(lanes, cover + (x - xa));
         b.act[n] = _mm512_mask_cmp_pd_mask(lanes, b.alpha[n], _mm512_setzero_pd(), _CMP_GE_OQ);
@@ -1032,13 +1233,15 @@ KVL_AVX512 void cell_span_avx512(const shade& s, const double* m, int32_t y, int
         b.act[n] = lanes;
       }
       b.px[n] = row + 4 * static_cast<ptrdiff_t>(x);
+      b.x[n] = x;
+      n++;
     }
     b.n = n;
-    w_shade_batch(s, &b);
+    if (n) w_shade_batch(s, &b);
   }
 }
 
-KVL_AVX512 void poly_span_avx512(const shade& s, const kvl_prep* p, double v, int32_t xa, int32_t xb,
+KVL_AVX512 void poly_span_avx512(const shade& s, const kvl_prep* p, int32_t y, double v, int32_t xa, int32_t xb,
                                  const uint8_t* cov, uint8_t* row) {
   const __m512d zero = _mm512_setzero_pd();
   const __m512d ox = _mm512_set1_pd(p->poly_ox), sc = _mm512_set1_pd(p->poly_scale);
@@ -1046,6 +1249,7 @@ KVL_AVX512 void poly_span_avx512(const shade& s, const kvl_prep* p, double v, in
   const __m512d vv = _mm512_set1_pd(v);
   const __m256i lane = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
   w_batch b;
+  b.hr = hid_at(s, y);
   int32_t x = xa;
   while (x < xb) {
     int n = 0;
@@ -1054,21 +1258,51 @@ KVL_AVX512 void poly_span_avx512(const shade& s, const kvl_prep* p, double v, in
       memcpy(&c8, cov + (x - xa), xb - x >= 8 ? 8 : static_cast<size_t>(xb - x));
       if (!c8) continue;
       const __m512d c = _mm512_cvtepi32_pd(_mm256_cvtepu8_epi32(_mm_cvtsi64_si128(c8)));
+      __mmask8 act = _mm512_cmp_pd_mask(c, zero, _CMP_NEQ_OQ);
+      if (b.hr.h && !(act = w_open(s, b.hr.h, x, act))) continue;
       const __m512d cx =
           _mm512_add_pd(_mm512_cvtepi32_pd(_mm256_add_epi32(_mm256_set1_epi32(x), lane)), _mm512_set1_pd(0.5));
       const __m512d u = _mm512_div_pd(_mm512_sub_pd(cx, ox), sc);
-      const __mmask8 act = _mm512_cmp_pd_mask(c, zero, _CMP_NEQ_OQ) & _mm512_cmp_pd_mask(u, zero, _CMP_GE_OQ) &
-                           _mm512_cmp_pd_mask(u, _mm512_set1_pd(kSurfW), _CMP_LT_OQ);
+      act &= _mm512_cmp_pd_mask(u, zero, _CMP_GE_OQ) & _mm512_cmp_pd_mask(u, _mm512_set1_pd(kSurfW), _CMP_LT_OQ);
       if (!act) continue;
       b.u[n] = u;
       b.v[n] = vv;
       b.alpha[n] = _mm512_mul_pd(c, k);
       b.act[n] = act;
       b.px[n] = row + 4 * static_cast<ptrdiff_t>(x);
+      b.x[n] = x;
       n++;
     }
     b.n = n;
     if (n) w_shade_batch(s, &b);
+  }
+}
+
+KVL_AVX512 void fx_span_avx512(const kvl_color& col, bool luma, double k, const uint8_t* cov, int32_t n,
+                               uint8_t* row) {
+  const __m512d zero = _mm512_setzero_pd();
+  const __m512d cr = _mm512_set1_pd(col.r), cg = _mm512_set1_pd(col.g), cb = _mm512_set1_pd(col.b);
+  const __m512d ca = _mm512_set1_pd(col.a), kk = _mm512_set1_pd(k), inv = _mm512_set1_pd(kInv255);
+  for (int32_t i = 0; i < n; i += 8) {
+    int64_t c8 = 0;
+    memcpy(&c8, cov + i, n - i >= 8 ? 8 : static_cast<size_t>(n - i));
+    if (!c8) continue;
+    const __m512d c = _mm512_cvtepi32_pd(_mm256_cvtepu8_epi32(_mm_cvtsi64_si128(c8)));
+    w_blend(row + 4 * static_cast<ptrdiff_t>(i), cr, cg, cb, ca, _mm512_mul_pd(_mm512_mul_pd(c, kk), inv), luma,
+            _mm512_cmp_pd_mask(c, zero, _CMP_NEQ_OQ));
+  }
+}
+
+KVL_AVX512 void reblend_span_avx512(const uint8_t* band, uint8_t* row, int32_t n, bool luma, double opacity) {
+  const __m512d zero = _mm512_setzero_pd();
+  const __m512d aK = _mm512_set1_pd(opacity * kInv255);
+  for (int32_t i = 0; i < n; i += 8) {
+    const __mmask8 lanes = n - i >= 8 ? 0xFF : static_cast<__mmask8>((1u << (n - i)) - 1);
+    const __m256i b = _mm256_maskz_loadu_epi32(lanes, band + 4 * static_cast<ptrdiff_t>(i));
+    if (_mm256_testz_si256(b, _mm256_set1_epi32(static_cast<int32_t>(0xFF000000u)))) continue;
+    const __m512d a = w_alpha(b);
+    w_blend(row + 4 * static_cast<ptrdiff_t>(i), w_channel(b, 0), w_channel(b, 8), w_channel(b, 16), a, aK, luma,
+            _mm512_cmp_pd_mask(a, zero, _CMP_NEQ_OQ));
   }
 }
 
@@ -1260,9 +1494,10 @@ void edge_run(const shade& s, const cell_edges& ce, const row_edges& re, const d
     return;
   }
 #endif
+  const hid_rows hr = hid_at(s, y);
   for (int32_t x = xa; x < xb; x++) {
     const double c = pixel_coverage(ce, re, x);
-    if (c > 0.0) cell_pixel(s, m, x + 0.5, cy, s.opacity * c, row + 4 * static_cast<ptrdiff_t>(x));
+    if (c > 0.0) cell_pixel(s, m, x, cy, s.opacity * c, row, hr);
   }
 }
 
@@ -1322,20 +1557,20 @@ void draw_polygon(const shade& s, const kvl_prep* p, const canvas& cv, int32_t y
     uint8_t* row = cv.row(y);
 #if KVL_X86
     if (s.wide) {
-      poly_span_avx512(s, p, v, xa, xb, cov, row);
+      poly_span_avx512(s, p, y, v, xa, xb, cov, row);
       continue;
     }
     if (s.simd) {
-      poly_span_avx2(s, p, v, xa, xb, cov, row);
+      poly_span_avx2(s, p, y, v, xa, xb, cov, row);
       continue;
     }
 #endif
-    poly_span_plain(s, p, v, xa, xb, cov, row);
+    poly_span_plain(s, p, y, v, xa, xb, cov, row);
   }
 }
 
 void raster_fx(const kvl_prep* p, const kvl_fx& fx, const canvas& cv, int32_t y0, int32_t y1, double opacity,
-               bool luma, bool simd) {
+               bool luma, bool simd, bool wide) {
   (void)p;
   if (!fx.mask || fx.w < 1 || fx.h < 1) return;
   const kvl_color col = argb_color(fx.argb);
@@ -1352,6 +1587,10 @@ void raster_fx(const kvl_prep* p, const kvl_fx& fx, const canvas& cv, int32_t y0
     const uint8_t* cov = fx.mask + static_cast<size_t>(y - fx.y) * static_cast<size_t>(fx.w) + ca;
     uint8_t* row = cv.row(y) + 4 * (static_cast<ptrdiff_t>(fx.x) + ca);
 #if KVL_X86
+    if (wide) {
+      fx_span_avx512(col, luma, k, cov, cb - ca, row);
+      continue;
+    }
     if (simd) {
       fx_span_avx2(col, luma, k, cov, cb - ca, row);
       continue;
@@ -1361,20 +1600,156 @@ void raster_fx(const kvl_prep* p, const kvl_fx& fx, const canvas& cv, int32_t y0
   }
 }
 
+// ---------------------------------------------------------------------------
+// Hidden pixels
+
+constexpr int32_t kChunkRows = 32;
+
+// The hidden-pixel state of one job. Each body step (a cell, or a polygon) of
+// a layer that may hide what lies beneath has an id, in drawing order from 1;
+// `first` gives a layer's first id, or for other layers the next free one.
+struct hidden {
+  uint16_t* hid;  // kChunkRows rows of `width`; null: no culling
+  uint8_t* keep;
+  int32_t width, y0, y1;  // the chunk's rows: y0 up to y1
+  int32_t* first;
+  uint8_t* can;     // the layer has ids
+  uint8_t* probes;  // its steps were probed in this chunk
+  int64_t* tally;   // two a layer: pixels probed, pixels settled
+};
+
+// Whether a layer can settle pixels at all: it must be drawn straight onto
+// the frame at full opacity, without a key, and with a paint that can be
+// opaque. The bottom layer has nothing beneath worth skipping.
+bool may_hide(const kvl_prep* p, int32_t index) {
+  if (index == 0 || p->isolate || p->luma || !(p->opacity >= 1.0)) return false;
+  if (p->solid || !p->source) return (p->argb >> 24) == 255u;
+  return true;
+}
+
+int32_t body_steps(const kvl_prep* p) {
+  if (p->polygon) return p->poly_mask ? 1 : 0;
+  return p->cells && p->cell_count > 0 ? p->cell_count : 0;
+}
+
+void hidden_free(hidden* h) {
+  free(h->hid);
+  free(h->keep);
+  free(h->first);
+  free(h->can);
+  free(h->probes);
+  free(h->tally);
+  memset(h, 0, sizeof *h);
+}
+
+// Numbers the steps; leaves `hid` null where no layer can hide anything or
+// memory is short, and every pixel is then drawn.
+void hidden_plan(hidden* h, const kvl_prep* layers, int32_t count, int32_t width) {
+  memset(h, 0, sizeof *h);
+  if (count < 2 || width < 1) return;
+  const size_t n = static_cast<size_t>(count);
+  h->first = static_cast<int32_t*>(malloc(n * sizeof(int32_t)));
+  h->can = static_cast<uint8_t*>(calloc(n, 1));
+  h->probes = static_cast<uint8_t*>(calloc(n, 1));
+  h->tally = static_cast<int64_t*>(calloc(2 * n, sizeof(int64_t)));
+  if (!h->first || !h->can || !h->probes || !h->tally) return hidden_free(h);
+  int32_t next = 1;
+  for (int32_t i = 0; i < count; i++) {
+    const int32_t steps = body_steps(&layers[i]);
+    h->first[i] = next;
+    if (steps > 0 && steps <= 65536 - next && may_hide(&layers[i], i)) {
+      h->can[i] = 1;
+      next += steps;
+    }
+  }
+  h->width = width;
+  const size_t px = static_cast<size_t>(kChunkRows) * static_cast<size_t>(width);
+  if (next > 1) {
+    h->hid = static_cast<uint16_t*>(malloc(px * sizeof(uint16_t)));
+    h->keep = static_cast<uint8_t*>(malloc(px * 4));
+  }
+  if (!h->hid || !h->keep) hidden_free(h);
+}
+
+void hook(shade* s, const hidden* h) {
+  s->hid = h->hid;
+  s->keep = h->keep;
+  s->hid_y0 = h->y0;
+  s->hid_w = h->width;
+}
+
+// Probes the steps of the layers that may hide others, top down, over rows
+// y0..y1. A layer that settles few of the pixels it probes (a source with
+// transparent parts) is left alone for the rest of the job: its pixels would
+// be computed twice for little gain.
+void probe_chunk(hidden* h, const kvl_prep* layers, int32_t count, const canvas& frame, int32_t y0, int32_t y1,
+                 bool simd, bool wide) {
+  h->y0 = y0;
+  h->y1 = y1;
+  memset(h->hid, 0, static_cast<size_t>(y1 - y0) * static_cast<size_t>(h->width) * sizeof(uint16_t));
+  for (int32_t i = count - 1; i >= 0; i--) {
+    int64_t* t = h->tally + 2 * i;
+    h->probes[i] = h->can[i] && !(t[0] >= 4096 && t[1] * 8 < t[0]);
+    if (!h->probes[i]) continue;
+    const kvl_prep* p = &layers[i];
+    shade s = make_shade(p, p->opacity, p->luma, simd, wide);
+    hook(&s, h);
+    s.probe = true;
+    s.tally = t;
+    if (p->polygon) {
+      s.op = h->first[i];
+      draw_polygon(s, p, frame, y0, y1);
+    } else {
+      for (int32_t c = p->cell_count - 1; c >= 0; c--) {
+        s.op = h->first[i] + c;
+        draw_cell(s, p->cells[c], frame, y0, y1);
+      }
+    }
+  }
+}
+
+// Puts back the bytes settled by step `op` within a box of the chunk.
+void restore(const hidden& h, const canvas& cv, int32_t op, int64_t x0, int64_t y0, int64_t x1, int64_t y1) {
+  const int64_t ya = y0 > h.y0 ? y0 : h.y0, yb = y1 < h.y1 ? y1 : h.y1;
+  const int64_t xa = x0 > 0 ? x0 : 0, xb = x1 < h.width ? x1 : h.width;
+  for (int64_t y = ya; y < yb; y++) {
+    const ptrdiff_t off = static_cast<ptrdiff_t>(y - h.y0) * h.width;
+    const uint16_t* hr = h.hid + off;
+    const uint8_t* kr = h.keep + 4 * off;
+    uint8_t* row = cv.row(static_cast<int32_t>(y));
+    for (int64_t x = xa; x < xb; x++)
+      if (hr[x] == op) memcpy(row + 4 * x, kr + 4 * x, 4);
+  }
+}
+
 // One layer over rows y0..y1, with the given opacity and luma flag (a private
-// band buffer gets 1 and false).
+// band buffer gets 1 and false). With `h`, layer `index` of the job is drawn
+// onto the frame, skipping its hidden pixels.
 void draw_layer(const kvl_prep* p, const canvas& cv, int32_t y0, int32_t y1, double opacity, bool luma, bool simd,
-                bool wide) {
-  const shade s = make_shade(p, opacity, luma, simd, wide);
+                bool wide, const hidden* h = nullptr, int32_t index = 0) {
+  shade s = make_shade(p, opacity, luma, simd, wide);
+  if (h) {
+    hook(&s, h);
+    s.op = h->first[index];
+  }
+  const bool own = h && h->can[index], restores = h && h->probes[index];
   const int32_t nb = p->behind_count < 0 ? 0 : (p->behind_count > 2 ? 2 : p->behind_count);
   const int32_t nf = p->front_count < 0 ? 0 : (p->front_count > 3 ? 3 : p->front_count);
-  for (int32_t i = 0; i < nb; i++) raster_fx(p, p->behind[i], cv, y0, y1, opacity, luma, simd);
+  for (int32_t i = 0; i < nb; i++) raster_fx(p, p->behind[i], cv, y0, y1, opacity, luma, simd, wide);
   if (p->polygon) {
     draw_polygon(s, p, cv, y0, y1);
+    if (restores)
+      restore(*h, cv, s.op, p->box_x, p->box_y, static_cast<int64_t>(p->box_x) + p->box_w,
+              static_cast<int64_t>(p->box_y) + p->box_h);
   } else if (p->cells) {
-    for (int32_t i = 0; i < p->cell_count; i++) draw_cell(s, p->cells[i], cv, y0, y1);
+    for (int32_t i = 0; i < p->cell_count; i++) {
+      const kvl_cell& c = p->cells[i];
+      if (own) s.op = h->first[index] + i;
+      draw_cell(s, c, cv, y0, y1);
+      if (restores) restore(*h, cv, s.op, c.x0, c.y0, c.x1, c.y1);
+    }
   }
-  for (int32_t i = 0; i < nf; i++) raster_fx(p, p->front[i], cv, y0, y1, opacity, luma, simd);
+  for (int32_t i = 0; i < nf; i++) raster_fx(p, p->front[i], cv, y0, y1, opacity, luma, simd, wide);
 }
 
 // The rectangle a layer can touch within a band: the union of its cell, body
@@ -1424,43 +1799,63 @@ rect layer_bounds(const kvl_prep* p, int32_t width, int32_t y0, int32_t y1) {
   return r;
 }
 
+// Layer i over the chunk of rows y0..y1. `band` is the job's private buffer
+// of kChunkRows rows, allocated at the first need.
+void draw_in_chunk(const kvl_job* job, const canvas& frame, const hidden* h, int32_t i, int32_t y0, int32_t y1,
+                   uint8_t** band) {
+  const kvl_prep* p = &job->layers[i];
+  if (!p->isolate) {
+    draw_layer(p, frame, y0, y1, p->opacity, p->luma, job->simd, job->wide, h, i);
+    return;
+  }
+  // The layer and its effects are drawn into a zeroed private buffer and
+  // then faded or keyed as one whole, so a shadow does not show through
+  // the body. Only the layer's bounds are cleared and read back: nothing
+  // outside them is ever written.
+  const rect r = layer_bounds(p, job->width, y0, y1);
+  if (r.x0 >= r.x1 || r.y0 >= r.y1) return;
+  if (!*band) {
+    *band = static_cast<uint8_t*>(malloc(static_cast<size_t>(kChunkRows) * static_cast<size_t>(job->stride)));
+    if (!*band) return;
+  }
+  const canvas priv = {*band, job->stride, y0, job->width};
+  for (int32_t y = r.y0; y < r.y1; y++)
+    memset(priv.row(y) + 4 * static_cast<ptrdiff_t>(r.x0), 0, 4 * static_cast<size_t>(r.x1 - r.x0));
+  draw_layer(p, priv, r.y0, r.y1, 1.0, false, job->simd, job->wide);
+  for (int32_t y = r.y0; y < r.y1; y++) {
+    const uint8_t* src = priv.row(y) + 4 * static_cast<ptrdiff_t>(r.x0);
+    uint8_t* dst = frame.row(y) + 4 * static_cast<ptrdiff_t>(r.x0);
+#if KVL_X86
+    if (job->wide) {
+      reblend_span_avx512(src, dst, r.x1 - r.x0, p->luma, p->opacity);
+      continue;
+    }
+    if (job->simd) {
+      reblend_span_avx2(src, dst, r.x1 - r.x0, p->luma, p->opacity);
+      continue;
+    }
+#endif
+    reblend_span_plain(src, dst, r.x1 - r.x0, p->luma, p->opacity);
+  }
+}
+
+// The band is drawn in chunks of rows, each with its hidden pixels probed
+// first; chunks keep the hidden-pixel maps and the private buffer small.
 void run_job(kvl_job* job) {
   if (job->y0 >= job->y1) return;
   const canvas frame = {job->pixels + static_cast<ptrdiff_t>(job->y0) * job->stride, job->stride, job->y0, job->width};
+  hidden h;
+  hidden_plan(&h, job->layers, job->count, job->width);
   uint8_t* band = nullptr;
-  for (int32_t i = 0; i < job->count; i++) {
-    const kvl_prep* p = &job->layers[i];
-    if (!p->isolate) {
-      draw_layer(p, frame, job->y0, job->y1, p->opacity, p->luma, job->simd, job->wide);
-      continue;
-    }
-    // The layer and its effects are drawn into a zeroed private buffer and
-    // then faded or keyed as one whole, so a shadow does not show through
-    // the body. Only the layer's bounds are cleared and read back: nothing
-    // outside them is ever written.
-    const rect r = layer_bounds(p, job->width, job->y0, job->y1);
-    if (r.x0 >= r.x1 || r.y0 >= r.y1) continue;
-    if (!band) {
-      band = static_cast<uint8_t*>(malloc(static_cast<size_t>(job->y1 - job->y0) * static_cast<size_t>(job->stride)));
-      if (!band) continue;
-    }
-    const canvas priv = {band, job->stride, job->y0, job->width};
-    for (int32_t y = r.y0; y < r.y1; y++)
-      memset(priv.row(y) + 4 * static_cast<ptrdiff_t>(r.x0), 0, 4 * static_cast<size_t>(r.x1 - r.x0));
-    draw_layer(p, priv, r.y0, r.y1, 1.0, false, job->simd, job->wide);
-    for (int32_t y = r.y0; y < r.y1; y++) {
-      const uint8_t* src = priv.row(y) + 4 * static_cast<ptrdiff_t>(r.x0);
-      uint8_t* dst = frame.row(y) + 4 * static_cast<ptrdiff_t>(r.x0);
-#if KVL_X86
-      if (job->simd) {
-        reblend_span_avx2(src, dst, r.x1 - r.x0, p->luma, p->opacity);
-        continue;
-      }
-#endif
-      reblend_span_plain(src, dst, r.x1 - r.x0, p->luma, p->opacity);
-    }
+  for (int32_t ya = job->y0; ya < job->y1; ya += kChunkRows) {
+    const int32_t yb = job->y1 - ya > kChunkRows ? ya + kChunkRows : job->y1;
+    if (h.hid) probe_chunk(&h, job->layers, job->count, frame, ya, yb, job->simd, job->wide);
+    for (int32_t i = 0; i < job->count; i++) draw_in_chunk(job, frame, h.hid ? &h : nullptr, i, ya, yb, &band);
   }
   free(band);
+  job->settled = 0;
+  for (int32_t i = 0; h.hid && i < job->count; i++) job->settled += h.tally[2 * i + 1];
+  hidden_free(&h);
 }
 
 void* job_thread(void* arg) {
@@ -1469,8 +1864,10 @@ void* job_thread(void* arg) {
 }
 
 // Draws prepared layers into a frame whose background is already set.
+// `settled`, where given, receives the number of pixels that hid what lay
+// beneath them (for tests).
 void composite(const kvl_prep* layers, int32_t count, uint8_t* pixels, int32_t width, int32_t height, int32_t stride,
-               int32_t threads, bool simd, bool wide = true) {
+               int32_t threads, bool simd, bool wide = true, int64_t* settled = nullptr) {
   if (height < 1) return;
   int32_t jobs = threads < 1 ? 1 : threads;
   if (jobs > height) jobs = height;
@@ -1488,20 +1885,25 @@ void composite(const kvl_prep* layers, int32_t count, uint8_t* pixels, int32_t w
     job[i].y1 = static_cast<int32_t>(b < height ? b : height);
     job[i].simd = simd;
     job[i].wide = simd && wide && cpu_has_avx512();
+    job[i].settled = 0;
   }
   if (jobs == 1) {
     run_job(&job[0]);
-    return;
+  } else {
+    pthread_t tid[kMaxJobs];
+    bool started[kMaxJobs];
+    for (int32_t i = 0; i < jobs; i++) started[i] = pthread_create(&tid[i], nullptr, job_thread, &job[i]) == 0;
+    for (int32_t i = 0; i < jobs; i++)
+      if (started[i]) pthread_join(tid[i], nullptr);
+    // A band whose thread could not be created is drawn here, so that the
+    // picture stays whole.
+    for (int32_t i = 0; i < jobs; i++)
+      if (!started[i]) run_job(&job[i]);
   }
-  pthread_t tid[kMaxJobs];
-  bool started[kMaxJobs];
-  for (int32_t i = 0; i < jobs; i++) started[i] = pthread_create(&tid[i], nullptr, job_thread, &job[i]) == 0;
-  for (int32_t i = 0; i < jobs; i++)
-    if (started[i]) pthread_join(tid[i], nullptr);
-  // A band whose thread could not be created is drawn here, so that the
-  // picture stays whole.
-  for (int32_t i = 0; i < jobs; i++)
-    if (!started[i]) run_job(&job[i]);
+  if (settled) {
+    *settled = 0;
+    for (int32_t i = 0; i < jobs; i++) *settled += job[i].settled;
+  }
 }
 
 void fill_background(uint8_t* pixels, int32_t width, int32_t height, int32_t stride) {
