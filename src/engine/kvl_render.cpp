@@ -140,6 +140,11 @@ struct shade {
   int64_t* tally;  // probing: pixels probed, pixels settled
 };
 
+// Below this product of blend alpha, mask and ellipse a pixel cannot settle:
+// t stays under 0.996 (1 + 1e-14), so blending over 0 and over 255 lies more
+// than one apart and rounds apart. Probing drops such pixels before sampling.
+constexpr double kSettles = 0.996;
+
 // The chunk's hidden-pixel rows for frame row y; both null without culling.
 struct hid_rows {
   uint16_t* h;
@@ -672,16 +677,20 @@ KVL_AVX2_INLINE void v_shade_batch(const shade& s, v_batch* b) {
     }
     __m256d cu = u, cv = v;
     if (!s.ic_identity) {
-      cu = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(_mm256_set1_pd(s.ic[0]), u), _mm256_mul_pd(_mm256_set1_pd(s.ic[1]), v)),
-                         _mm256_set1_pd(s.ic[2]));
-      cv = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(_mm256_set1_pd(s.ic[3]), u), _mm256_mul_pd(_mm256_set1_pd(s.ic[4]), v)),
-                         _mm256_set1_pd(s.ic[5]));
+      cu = _mm256_add_pd(
+          _mm256_add_pd(_mm256_mul_pd(_mm256_set1_pd(s.ic[0]), u), _mm256_mul_pd(_mm256_set1_pd(s.ic[1]), v)),
+          _mm256_set1_pd(s.ic[2]));
+      cv = _mm256_add_pd(
+          _mm256_add_pd(_mm256_mul_pd(_mm256_set1_pd(s.ic[3]), u), _mm256_mul_pd(_mm256_set1_pd(s.ic[4]), v)),
+          _mm256_set1_pd(s.ic[5]));
     }
     act = _mm256_and_pd(act, _mm256_cmp_pd(cu, zero, _CMP_GE_OQ));
     act = _mm256_and_pd(act, _mm256_cmp_pd(cu, _mm256_set1_pd(kSurfW), _CMP_LT_OQ));
     act = _mm256_and_pd(act, _mm256_cmp_pd(cv, zero, _CMP_GE_OQ));
     act = _mm256_and_pd(act, _mm256_cmp_pd(cv, _mm256_set1_pd(kSurfH), _CMP_LT_OQ));
     me[i] = _mm256_mul_pd(m, e);
+    if (s.probe)
+      act = _mm256_and_pd(act, _mm256_cmp_pd(_mm256_mul_pd(b->alpha[i], me[i]), _mm256_set1_pd(kSettles), _CMP_GE_OQ));
     if (s.kind == FILL_SOLID) {
       ca[i] = _mm256_mul_pd(me[i], _mm256_set1_pd(s.ca));
     } else if (s.kind == FILL_PIXELS) {
@@ -982,36 +991,35 @@ KVL_AVX512_INLINE void w_fetch(const shade& s, __m512d x, __m512d y, w_texels* o
   const __m512d tx = _mm512_sub_pd(fx, flx), ty = _mm512_sub_pd(fy, fly);
   const __m256i ix = _mm512_cvttpd_epi32(flx), iy = _mm512_cvttpd_epi32(fly);
   const __m256i zero = _mm256_setzero_si256(), i1 = _mm256_set1_epi32(1);
-  const __m256i wl = _mm256_set1_epi32(s.sw - 1), hl = _mm256_set1_epi32(s.sh - 1);
-  const __m256i ix1 = _mm256_add_epi32(ix, i1), iy1 = _mm256_add_epi32(iy, i1);
-  const __m256i x0 = _mm256_min_epi32(_mm256_max_epi32(ix, zero), wl);
-  const __m256i x1 = _mm256_min_epi32(_mm256_max_epi32(ix1, zero), wl);
-  const __m256i y0 = _mm256_min_epi32(_mm256_max_epi32(iy, zero), hl);
-  const __m256i y1 = _mm256_min_epi32(_mm256_max_epi32(iy1, zero), hl);
-  const __m256i w = _mm256_set1_epi32(s.sw);
-  const __m256i o0 = _mm256_add_epi32(_mm256_mullo_epi32(y0, w), x0);
-  const __m256i o1 = _mm256_add_epi32(_mm256_mullo_epi32(y1, w), x0);
   const int* base = reinterpret_cast<const int*>(s.src);
   __m256i t00, t10, t01, t11;
-  // Away from the image's border no clamp changed anything, and the two
-  // texels of a row are neighbours in memory: one 8-byte load a lane and row
-  // fetches both, which is cheaper than a gather. The texels are the same
-  // either way.
-  const __mmask8 unclamped = _mm256_cmpeq_epi32_mask(ix, x0) & _mm256_cmpeq_epi32_mask(iy, y0) &
-                             _mm256_cmpeq_epi32_mask(ix1, x1) & _mm256_cmpeq_epi32_mask(iy1, y1);
+  // Lanes whose four texels all lie inside the image, 0 <= ix <= W - 2 and
+  // 0 <= iy <= H - 2 (as unsigned compares): there no clamp changes anything,
+  // and the two texels of a row are neighbours in memory.
+  const __mmask8 inside = s.sw >= 2 && s.sh >= 2 ? _mm256_cmple_epu32_mask(ix, _mm256_set1_epi32(s.sw - 2)) &
+                                                       _mm256_cmple_epu32_mask(iy, _mm256_set1_epi32(s.sh - 2))
+                                                 : 0;
   // Often all eight lanes read within a run of 16 texels of the same two or
   // three rows (the image is not shrunk much): then one 64-byte load a row
   // and a permutation across two rows fetch all texels. A run is read whole
   // only where it lies within the image's buffer.
-  const int32_t lx = _mm256_cvtsi256_si32(x0), hx = _mm256_extract_epi32(x0, 7);
-  const int32_t ly = _mm256_cvtsi256_si32(y0), hy = _mm256_extract_epi32(y0, 7);
-  const int32_t run = lx < hx ? lx : hx, row0 = ly < hy ? ly : hy;
-  const __m256i rel = _mm256_sub_epi32(x0, _mm256_set1_epi32(run));
-  const __m256i dy = _mm256_sub_epi32(y0, _mm256_set1_epi32(row0));
-  const bool flat = _mm256_cmpeq_epi32_mask(dy, zero) == 0xFF;
-  const int64_t end = (static_cast<int64_t>(row0) + (flat ? 1 : 2)) * s.sw + run + 16;
-  if (unclamped == 0xFF && _mm256_cmple_epu32_mask(rel, _mm256_set1_epi32(14)) == 0xFF &&
-      _mm256_cmple_epu32_mask(dy, i1) == 0xFF && end <= static_cast<int64_t>(s.sw) * s.sh) {
+  bool run_fits = false;
+  int32_t run = 0, row0 = 0;
+  __m256i rel = zero, dy = zero;
+  bool flat = false;
+  if (inside == 0xFF) {
+    const int32_t lx = _mm256_cvtsi256_si32(ix), hx = _mm256_extract_epi32(ix, 7);
+    const int32_t ly = _mm256_cvtsi256_si32(iy), hy = _mm256_extract_epi32(iy, 7);
+    run = lx < hx ? lx : hx;
+    row0 = ly < hy ? ly : hy;
+    rel = _mm256_sub_epi32(ix, _mm256_set1_epi32(run));
+    dy = _mm256_sub_epi32(iy, _mm256_set1_epi32(row0));
+    flat = _mm256_cmpeq_epi32_mask(dy, zero) == 0xFF;
+    const int64_t end = (static_cast<int64_t>(row0) + (flat ? 1 : 2)) * s.sw + run + 16;
+    run_fits = _mm256_cmple_epu32_mask(rel, _mm256_set1_epi32(14)) == 0xFF &&
+               _mm256_cmple_epu32_mask(dy, i1) == 0xFF && end <= static_cast<int64_t>(s.sw) * s.sh;
+  }
+  if (run_fits) {
     const int* p0 = base + (static_cast<ptrdiff_t>(row0) * s.sw + run);
     const __m512i b0 = _mm512_loadu_si512(p0), b1 = _mm512_loadu_si512(p0 + s.sw);
     const __m512i b2 = flat ? b1 : _mm512_loadu_si512(p0 + 2 * static_cast<ptrdiff_t>(s.sw));
@@ -1022,10 +1030,14 @@ KVL_AVX512_INLINE void w_fetch(const shade& s, __m512d x, __m512d y, w_texels* o
     t10 = _mm512_castsi512_si256(_mm512_permutex2var_epi32(b0, w1, b1));
     t01 = _mm512_castsi512_si256(_mm512_permutex2var_epi32(b1, w0, b2));
     t11 = _mm512_castsi512_si256(_mm512_permutex2var_epi32(b1, w1, b2));
-  } else if (unclamped == 0xFF) {
+  } else if (inside == 0xFF) {
+    // One 8-byte load a lane and row fetches both texels of the row, which
+    // is cheaper than a gather.
+    const __m256i w = _mm256_set1_epi32(s.sw);
+    const __m256i o0 = _mm256_add_epi32(_mm256_mullo_epi32(iy, w), ix);
     alignas(32) int32_t off[2][8];
     _mm256_store_si256(reinterpret_cast<__m256i*>(off[0]), o0);
-    _mm256_store_si256(reinterpret_cast<__m256i*>(off[1]), o1);
+    _mm256_store_si256(reinterpret_cast<__m256i*>(off[1]), _mm256_add_epi32(o0, w));
     auto pair = [&](int32_t lo, int32_t hi) {
       return _mm_castpd_ps(_mm_loadh_pd(_mm_castsi128_pd(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(base + lo))),
                                         reinterpret_cast<const double*>(base + hi)));
@@ -1045,6 +1057,15 @@ KVL_AVX512_INLINE void w_fetch(const shade& s, __m512d x, __m512d y, w_texels* o
     t01 = t[1][0];
     t11 = t[1][1];
   } else {
+    // Near the border (or in lanes that take no part): clamped indices.
+    const __m256i wl = _mm256_set1_epi32(s.sw - 1), hl = _mm256_set1_epi32(s.sh - 1);
+    const __m256i x0 = _mm256_min_epi32(_mm256_max_epi32(ix, zero), wl);
+    const __m256i x1 = _mm256_min_epi32(_mm256_max_epi32(_mm256_add_epi32(ix, i1), zero), wl);
+    const __m256i y0 = _mm256_min_epi32(_mm256_max_epi32(iy, zero), hl);
+    const __m256i y1 = _mm256_min_epi32(_mm256_max_epi32(_mm256_add_epi32(iy, i1), zero), hl);
+    const __m256i w = _mm256_set1_epi32(s.sw);
+    const __m256i o0 = _mm256_add_epi32(_mm256_mullo_epi32(y0, w), x0);
+    const __m256i o1 = _mm256_add_epi32(_mm256_mullo_epi32(y1, w), x0);
     const __m256i d = _mm256_sub_epi32(x1, x0);
     t00 = _mm256_i32gather_epi32(base, o0, 4);
     t10 = _mm256_i32gather_epi32(base, _mm256_add_epi32(o0, d), 4);
@@ -1133,14 +1154,17 @@ KVL_AVX512_INLINE void w_shade_batch(const shade& s, w_batch* b) {
     }
     __m512d cu = u, cv = v;
     if (!s.ic_identity) {
-      cu = _mm512_add_pd(_mm512_add_pd(_mm512_mul_pd(_mm512_set1_pd(s.ic[0]), u), _mm512_mul_pd(_mm512_set1_pd(s.ic[1]), v)),
-                         _mm512_set1_pd(s.ic[2]));
-      cv = _mm512_add_pd(_mm512_add_pd(_mm512_mul_pd(_mm512_set1_pd(s.ic[3]), u), _mm512_mul_pd(_mm512_set1_pd(s.ic[4]), v)),
-                         _mm512_set1_pd(s.ic[5]));
+      cu = _mm512_add_pd(
+          _mm512_add_pd(_mm512_mul_pd(_mm512_set1_pd(s.ic[0]), u), _mm512_mul_pd(_mm512_set1_pd(s.ic[1]), v)),
+          _mm512_set1_pd(s.ic[2]));
+      cv = _mm512_add_pd(
+          _mm512_add_pd(_mm512_mul_pd(_mm512_set1_pd(s.ic[3]), u), _mm512_mul_pd(_mm512_set1_pd(s.ic[4]), v)),
+          _mm512_set1_pd(s.ic[5]));
     }
     act &= _mm512_cmp_pd_mask(cu, zero, _CMP_GE_OQ) & _mm512_cmp_pd_mask(cu, _mm512_set1_pd(kSurfW), _CMP_LT_OQ) &
            _mm512_cmp_pd_mask(cv, zero, _CMP_GE_OQ) & _mm512_cmp_pd_mask(cv, _mm512_set1_pd(kSurfH), _CMP_LT_OQ);
     me[i] = _mm512_mul_pd(m, e);
+    if (s.probe) act &= _mm512_cmp_pd_mask(_mm512_mul_pd(b->alpha[i], me[i]), _mm512_set1_pd(kSettles), _CMP_GE_OQ);
     if (s.kind == FILL_SOLID) {
       ca[i] = _mm512_mul_pd(me[i], _mm512_set1_pd(s.ca));
     } else if (s.kind == FILL_PIXELS) {
@@ -1530,9 +1554,11 @@ void draw_cell(const shade& s, const kvl_cell& cell, const canvas& cv, int32_t y
       ga = gb = xb;
     }
     if (ga >= gb) ga = gb = sb;
-    edge_run(s, ce, re, m, y, sa, ga, row);
+    // Pixels near an outer edge have a coverage below 1 and cannot settle,
+    // or are fully covered but rare: probing leaves them to the drawing.
+    if (!s.probe) edge_run(s, ce, re, m, y, sa, ga, row);
     if (ga < gb) cell_span(s, m, y, ga, gb, row);
-    edge_run(s, ce, re, m, y, gb > sa ? gb : sa, sb, row);
+    if (!s.probe) edge_run(s, ce, re, m, y, gb > sa ? gb : sa, sb, row);
   }
 }
 
