@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "kavlen/kavlen.h"
+#include "render_scenes.h"
 
 namespace {
 
@@ -36,11 +37,9 @@ std::string quad(const std::string& extra = "") {
 }
 
 std::string mesh(int cols, int rows, const char* offset) {
-  std::string o;
-  for (int i = 0; i < (cols + 1) * (rows + 1); i++) o += std::string(i ? "," : "") + offset;
-  char b[64];
-  snprintf(b, sizeof b, R"(, "mesh": {"cols": %d, "rows": %d, "offsets": [)", cols, rows);
-  return b + o + "]}";
+  std::string m = R"(, "mesh": {"cols": )" + std::to_string(cols) + R"(, "rows": )" + std::to_string(rows);
+  for (int i = 0; i < (cols + 1) * (rows + 1); i++) m += (i ? "," : R"(, "offsets": [)") + std::string(offset);
+  return m + "]}";
 }
 
 // FNV-1a over every seventh byte, from the byte count XOR the hash start.
@@ -60,9 +59,8 @@ void expect_well_formed(const kvl_draw_list* l) {
   for (int32_t i = 0; i < l->cmd_count; i++) {
     const kvl_draw_cmd& c = l->cmds[i];
     SCOPED_TRACE("command " + std::to_string(i));
-    if (c.kind != KVL_CMD_LAYER) {
-      EXPECT_TRUE(c.source_key == nullptr && c.first_vertex == 0 && c.layer_vertex_count == 0 && c.clip == -1);
-    }
+    EXPECT_TRUE(c.kind == KVL_CMD_LAYER ||
+                (c.source_key == nullptr && c.first_vertex == 0 && c.layer_vertex_count == 0 && c.clip == -1));
     EXPECT_TRUE(c.kind == KVL_CMD_EFFECT || (c.fx_x == 0 && c.fx_y == 0));
     if (c.kind == KVL_CMD_LAYER) {
       EXPECT_EQ(c.first_vertex, next_vertex);
@@ -85,8 +83,7 @@ void expect_well_formed(const kvl_draw_list* l) {
       ADD_FAILURE() << "unknown kind " << c.kind;
     }
   }
-  EXPECT_EQ(depth, 0);
-  EXPECT_EQ(next_vertex, l->vertex_count);
+  EXPECT_TRUE(depth == 0 && next_vertex == l->vertex_count) << depth << " " << next_vertex;
   for (int32_t i = 0; i < l->ref_count; i++) {
     const kvl_draw_ref& r = l->refs[i];
     ASSERT_TRUE(r.data != nullptr && r.w >= 1 && r.h >= 1);
@@ -94,13 +91,12 @@ void expect_well_formed(const kvl_draw_list* l) {
   }
 }
 
-// Builds from resolved records, as the engine does, with builder and cache in reach.
 // Builds straight from resolved records, as the engine does, so that the
 // builder, the cache and the vertices are within reach.
 struct Direct {
   kvl_scene* scene = nullptr;
   std::vector<kvl_resolved> resolved;
-  std::vector<double> pool;
+  std::vector<double> pool;  // 64 vertex values a layer
   kvl_draw_builder builder = {};
   kvl_cache* cache;
   kvl_sources sources = {};
@@ -138,14 +134,12 @@ TEST(DrawListLayers, SkippedLayersLeaveNoTraceAndSourcesAreBorrowed) {
   const kvl_draw_list* l = draw(e);
   expect_well_formed(l);
   ASSERT_EQ(l->cmd_count, 3);
-  EXPECT_EQ(l->vertex_count, 12);
-  EXPECT_EQ(l->ref_count, 0);
+  EXPECT_TRUE(l->vertex_count == 12 && l->ref_count == 0);
   const kvl_draw_cmd &color = l->cmds[0], &video = l->cmds[1], &missing = l->cmds[2];
   EXPECT_TRUE(color.kind == KVL_CMD_LAYER && color.source_key == nullptr && color.argb == 0x80FFFFFFu);
   EXPECT_TRUE(color.mask == -1 && color.clip == -1 && color.ellipse == 0 && color.luma == 0);
   EXPECT_EQ(color.opacity, 1.0f);  // limited to 1
-  EXPECT_EQ(video.source_key, kvl_engine_sources(e.get())->entries[0].key);
-  EXPECT_EQ(video.first_vertex, 4);
+  EXPECT_TRUE(video.source_key == kvl_engine_sources(e.get())->entries[0].key && video.first_vertex == 4);
   EXPECT_FLOAT_EQ(video.opacity, 0.25f);
   EXPECT_FLOAT_EQ(video.cover[0], 12.8f);  // max(1280 / 100, 720 / 100), centred
   EXPECT_FLOAT_EQ(video.cover[2], -280.0f);
@@ -175,9 +169,7 @@ TEST(DrawListVertices, PerspectiveWeightsPutTheSurfaceCentreOnTheDiagonals) {
     EXPECT_NEAR(v[0], q[2 * k], 1e-4);  // x, y are not multiplied by w
     EXPECT_NEAR(v[1], q[2 * k + 1], 1e-4);
     ASSERT_TRUE(std::isfinite(v[4]) && v[4] > 0);
-    w[k] = v[4];
-    xw[k] = v[0] * v[4];
-    yw[k] = v[1] * v[4];
+    w[k] = v[4], xw[k] = v[0] * v[4], yw[k] = v[1] * v[4];
   }
   // Perspective needs unequal weights, along both axes.
   EXPECT_TRUE(std::fabs(w[1] - w[0]) > 0.05 && std::fabs(w[3] - w[0]) > 0.05);
@@ -217,12 +209,8 @@ TEST(DrawListVertices, MeshCellsComeRowByRowAndShareCorners) {
 }
 
 TEST(DrawListEffects, GroupsIsolateEffectsOnlyWhenOpacityOrLumaNeedsIt) {
-  struct Case {
-    const char* extra;
-    std::vector<int32_t> kinds;
-    std::vector<float> opacity;
-    std::vector<int32_t> luma;
-  };
+  // Per case, each command's kind, opacity and luma flag.
+  struct Case { const char* extra; std::vector<int32_t> kinds; std::vector<float> opacity; std::vector<int32_t> luma; };
   const Case cases[] = {
       {R"(, "opacity": 0.5, "effects": {"stroke": {}})", {3, 1, 2, 4}, {0.5f, 1, 1, 1}, {0, 0, 0, 0}},
       {R"(, "effects": {"stroke": {}})", {1, 2}, {1, 1}, {0, 0}},
@@ -239,11 +227,9 @@ TEST(DrawListEffects, GroupsIsolateEffectsOnlyWhenOpacityOrLumaNeedsIt) {
     const kvl_draw_list* l = draw(e);
     expect_well_formed(l);
     ASSERT_EQ(l->cmd_count, static_cast<int32_t>(c.kinds.size()));
-    for (int32_t i = 0; i < l->cmd_count; i++) {
-      EXPECT_EQ(l->cmds[i].kind, c.kinds[i]) << i;
-      EXPECT_EQ(l->cmds[i].opacity, c.opacity[i]) << i;
-      EXPECT_EQ(l->cmds[i].luma, c.luma[i]) << i;
-    }
+    for (int32_t i = 0; i < l->cmd_count; i++)
+      EXPECT_TRUE(l->cmds[i].kind == c.kinds[i] && l->cmds[i].opacity == c.opacity[i] && l->cmds[i].luma == c.luma[i])
+          << i;
   }
 }
 
@@ -275,9 +261,9 @@ TEST(DrawListMasks, PolygonRoadClipsAWholeSurfaceRectangle) {
   ASSERT_EQ(l->cmd_count, 1);
   ASSERT_EQ(l->ref_count, 2);
   const kvl_draw_cmd& c = l->cmds[0];
-  EXPECT_TRUE(c.mask == 0 && c.clip == 1);
   // The outline spans x 40..160, y 10..90 pixels.
-  EXPECT_TRUE(c.clip_x == 40 && c.clip_y == 10 && l->refs[1].w == 120 && l->refs[1].h == 80);
+  EXPECT_TRUE(c.mask == 0 && c.clip == 1 && c.clip_x == 40 && c.clip_y == 10);
+  EXPECT_TRUE(l->refs[1].w == 120 && l->refs[1].h == 80);
   // One axis-aligned 16:9 rectangle of the whole surface, centred on the box.
   const float *v0 = vertex(l, 0), *v1 = vertex(l, 1), *v2 = vertex(l, 2), *v3 = vertex(l, 3);
   EXPECT_TRUE(v0[1] == v1[1] && v1[0] == v2[0] && v2[1] == v3[1] && v3[0] == v0[0]);
@@ -315,9 +301,7 @@ TEST(DrawListMasks, SurfaceMaskHashFollowsContentAndRepeatsOnRebuild) {
   ASSERT_EQ(first.size(), 3u);
   EXPECT_TRUE(draw(a)->cmds[1].mask == 1 && draw(a)->cmds[1].clip == -1);  // the cell road has no outline
   const std::vector<uint64_t> soft = hashes(b), inverted = hashes(c);
-  EXPECT_NE(soft[1], first[1]);
-  EXPECT_NE(inverted[1], first[1]);
-  EXPECT_NE(soft[1], inverted[1]);
+  EXPECT_TRUE(soft[1] != first[1] && inverted[1] != first[1] && soft[1] != inverted[1]);
   // The same outline with the same effects: equal effect masks.
   EXPECT_TRUE(soft[0] == first[0] && soft[2] == first[2]);
   for (int k = 0; k < 3; k++) EXPECT_EQ(hashes(a), first);
@@ -359,7 +343,7 @@ TEST(DrawListRobustness, DegenerateHugeAndNonFiniteInputIsHarmless) {
   }
   Engine wild = make(scene(quad(mesh(12, 12, "[3e5,-0.4]"))), 64, 36);
   expect_well_formed(draw(wild));
-  EXPECT_EQ(draw(wild)->vertex_count, 576);
+  EXPECT_EQ(draw(wild)->vertex_count, 576);  // a wild warp is still a warp
 
   // Values that JSON cannot carry, put straight into the resolved vertices.
   Direct d(scene(quad(R"(, "effects": {"stroke": {}}, "mask": {"vertices": [[0,0],[0.9,0],[0,0.9]]})") + "," +
@@ -379,11 +363,8 @@ TEST(DrawListRobustness, DegenerateHugeAndNonFiniteInputIsHarmless) {
 }
 
 TEST(DrawListRobustness, RandomScenesGiveWellFormedRepeatableLists) {
-  uint64_t state = 0x2545F4914F6CDD1Dull;
-  auto rnd = [&state](double lo, double hi) {
-    state ^= state << 13, state ^= state >> 7, state ^= state << 17;
-    return lo + (hi - lo) * static_cast<double>(state >> 11) * 0x1.0p-53;
-  };
+  rscene::Rng rng(11);
+  auto rnd = [&rng](double lo, double hi) { return rng.uni(lo, hi); };
   const char* kinds[] = {"quad", "ellipse", "triangle", "polygon"};
   int seen[5] = {}, clips = 0, masks = 0;  // the mix does reach every case
   for (int round = 0; round < 6; round++) {
@@ -413,12 +394,9 @@ TEST(DrawListRobustness, RandomScenesGiveWellFormedRepeatableLists) {
     kvl_engine_set_source(e.get(), "a.png", px.data(), 16, 16, 64);
     const kvl_draw_list* l = draw(e);
     expect_well_formed(l);
-    for (int32_t i = 0; i < l->cmd_count; i++) {
-      seen[l->cmds[i].kind]++;
-      clips += l->cmds[i].clip >= 0;
-      masks += l->cmds[i].kind == KVL_CMD_LAYER && l->cmds[i].mask >= 0;
-    }
     const std::vector<kvl_draw_cmd> cmds(l->cmds, l->cmds + l->cmd_count);
+    for (const kvl_draw_cmd& c : cmds)
+      seen[c.kind]++, clips += c.clip >= 0, masks += c.kind == KVL_CMD_LAYER && c.mask >= 0;
     const std::vector<float> verts(l->vertices, l->vertices + 5 * l->vertex_count);
     l = draw(e);
     expect_well_formed(l);
@@ -430,19 +408,17 @@ TEST(DrawListRobustness, RandomScenesGiveWellFormedRepeatableLists) {
       << seen[1] << " " << seen[2] << " " << seen[3] << " " << clips << " " << masks;
 }
 
-TEST(DrawBuilder, ArraysGrowAndStayPutAcrossBuilds) {
+TEST(DrawBuilder, ArraysGrowStayPutAcrossBuildsAndSurviveResetAndFree) {
   std::string layers = R"({"corners": [[0,0],[1,0],[1,1],[0,1]]})";  // paint none: its slot is reused
   for (int i = 0; i < 70; i++) layers += "," + quad();
-  layers += "," + quad(mesh(12, 12, "[0.001,0]")) + "," + quad(R"(, "mask": {"vertices": [[0,0],[0.8,0],[0,0.8]]})");
+  layers += "," + quad(mesh(12, 12, "[0.001,0]")) +
+            "," + quad(R"(, "mask": {"vertices": [[0,0],[0.8,0],[0,0.8]]}, "effects": {"stroke": {}})");
   Direct d(scene(layers));
   const kvl_draw_list* l = d.build();
   expect_well_formed(l);
-  ASSERT_EQ(l->cmd_count, 72);
-  ASSERT_EQ(l->vertex_count, 71 * 4 + 576);
-  ASSERT_EQ(l->ref_count, 1);
+  ASSERT_TRUE(l->cmd_count == 73 && l->vertex_count == 71 * 4 + 576 && l->ref_count == 2);
   ASSERT_EQ(d.builder.prep_count, 72);
-  EXPECT_EQ(d.builder.preps[0].resolved, &d.resolved[1]);
-  EXPECT_EQ(l, &d.builder.list);
+  EXPECT_TRUE(d.builder.preps[0].resolved == &d.resolved[1] && l == &d.builder.list);
 
   // Rebuilding the same frame keeps every array where it was.
   const void *cmds = l->cmds, *verts = l->vertices, *refs = l->refs;
@@ -452,21 +428,16 @@ TEST(DrawBuilder, ArraysGrowAndStayPutAcrossBuilds) {
     EXPECT_TRUE(l->cmds == cmds && l->vertices == verts && l->refs == refs);
     EXPECT_EQ(std::vector<float>(l->vertices, l->vertices + 5 * l->vertex_count), before);
   }
-}
 
-TEST(DrawBuilder, ResetAndFreeLeaveAUsableBuilderAndNullIsHarmless) {
-  Direct d(scene(quad(R"(, "mask": {"vertices": [[0,0],[0.8,0],[0,0.8]]}, "effects": {"stroke": {}})")));
-  ASSERT_EQ(d.build()->cmd_count, 2);
   kvl_draw_builder_reset(&d.builder);
   kvl_draw_builder_reset(&d.builder);
   expect_well_formed(d.build());
-
   kvl_draw_builder_free(&d.builder);
   const kvl_draw_builder zero = {};
   EXPECT_EQ(memcmp(&d.builder, &zero, sizeof zero), 0);
   kvl_draw_builder_free(&d.builder);
   expect_well_formed(d.build());
-  EXPECT_EQ(d.builder.cmd_count, 2);
+  EXPECT_EQ(d.builder.cmd_count, 73);
 
   EXPECT_EQ(kvl_draw_build(nullptr, nullptr, 0, nullptr, 10, 10, nullptr), nullptr);
   kvl_draw_builder_reset(nullptr);
@@ -476,7 +447,7 @@ TEST(DrawBuilder, ResetAndFreeLeaveAUsableBuilderAndNullIsHarmless) {
   EXPECT_EQ(kvl_draw_build(&b, d.resolved.data(), -3, &d.sources, 64, 36, nullptr)->cmd_count, 0);
   // Without a cache every mask stays with its prepared layer, and the list
   // still refers to it.
-  const kvl_draw_list* l = kvl_draw_build(&b, d.resolved.data(), 1, &d.sources, 64, 36, nullptr);
+  l = kvl_draw_build(&b, d.resolved.data(), d.scene->layer_count, &d.sources, 64, 36, nullptr);
   expect_well_formed(l);
   EXPECT_EQ(l->ref_count, 2);
   kvl_draw_builder_free(&b);

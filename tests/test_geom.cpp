@@ -9,6 +9,8 @@
 #include <cstring>
 #include <limits>
 #include <random>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "kavlen/kavlen_engine.h"
@@ -24,10 +26,7 @@ void ref_raster(const double* pts, int n, uint8_t* mask, int w, int h, int inver
   std::fill(mask, mask + (size_t)w * h, inv ? 255 : 0);
   if (n < 3) return;
   double ymin = INFINITY, ymax = -INFINITY;
-  for (int i = 0; i < n; i++) {
-    ymin = std::min(ymin, pts[2 * i + 1]);
-    ymax = std::max(ymax, pts[2 * i + 1]);
-  }
+  for (int i = 0; i < n; i++) ymin = std::min(ymin, pts[2 * i + 1]), ymax = std::max(ymax, pts[2 * i + 1]);
   const int r0 = (int)std::clamp(std::floor(ymin), 0.0, (double)h);
   const int r1 = (int)std::clamp(std::ceil(ymax), 0.0, (double)h);
   std::vector<uint16_t> acc(w);
@@ -54,31 +53,35 @@ void ref_raster(const double* pts, int n, uint8_t* mask, int w, int h, int inver
         }
       }
     }
-    for (int x = 0; x < w; x++) {
-      if (!acc[x]) continue;
-      int c = std::min(acc[x] * 255 >> 4, 255);
-      mask[(size_t)row * w + x] = (uint8_t)(inv ? c ^ 255 : c);
-    }
+    for (int x = 0; x < w; x++)
+      if (acc[x]) mask[(size_t)row * w + x] = (uint8_t)(std::min(acc[x] * 255 >> 4, 255) ^ (inv ? 255 : 0));
   }
 }
 
-// Box blur straight from the definition: every output sums its window.
+// One pass of a window of radius r along every row (step 1) or column
+// (step w), with each line read before it is written.
+template <class F>
+void ref_lines(uint8_t* m, int w, int h, bool columns, F window) {
+  const int n = columns ? h : w, lines = columns ? w : h;
+  const size_t step = columns ? w : 1, next = columns ? 1 : w;
+  Mask line(n);
+  for (int l = 0; l < lines; l++) {
+    uint8_t* p = m + l * next;
+    for (int i = 0; i < n; i++) line[i] = p[i * step];
+    for (int i = 0; i < n; i++) p[i * step] = window(line, n, i);
+  }
+}
+
+// Box blur straight from the definition, edges repeated: every output sums its window.
 void ref_blur_r(uint8_t* m, int w, int h, long r) {
-  Mask tmp((size_t)w * h);
-  const long d = 2 * r + 1;
+  auto box = [r](const Mask& line, int n, int i) {
+    long sum = 0;
+    for (long q = i - r; q <= i + r; q++) sum += line[std::clamp<long>(q, 0, n - 1)];
+    return (uint8_t)(sum / (2 * r + 1));
+  };
   for (int pass = 0; pass < 3; pass++) {
-    for (int y = 0; y < h; y++)
-      for (int x = 0; x < w; x++) {
-        long sum = 0;
-        for (long q = x - r; q <= x + r; q++) sum += m[(size_t)y * w + std::clamp<long>(q, 0, w - 1)];
-        tmp[(size_t)y * w + x] = (uint8_t)(sum / d);
-      }
-    for (int y = 0; y < h; y++)
-      for (int x = 0; x < w; x++) {
-        long sum = 0;
-        for (long q = y - r; q <= y + r; q++) sum += tmp[(size_t)std::clamp<long>(q, 0, h - 1) * w + x];
-        m[(size_t)y * w + x] = (uint8_t)(sum / d);
-      }
+    ref_lines(m, w, h, false, box);
+    ref_lines(m, w, h, true, box);
   }
 }
 
@@ -86,24 +89,14 @@ long blur_radius(double sigma) { return std::max(1L, std::lround(0.5 * std::sqrt
 
 void ref_morph(uint8_t* m, int w, int h, int r, bool dilate) {
   if (r < 1) return;
-  auto pick = [dilate](uint8_t a, uint8_t b) { return dilate ? std::max(a, b) : std::min(a, b); };
-  Mask line(std::max(w, h));
-  for (int y = 0; y < h; y++) {
-    std::copy(m + (size_t)y * w, m + (size_t)y * w + w, line.begin());
-    for (int x = 0; x < w; x++) {
-      uint8_t v = line[x];
-      for (long q = std::max(0L, (long)x - r); q <= std::min<long>(w - 1, (long)x + r); q++) v = pick(v, line[q]);
-      m[(size_t)y * w + x] = v;
-    }
-  }
-  for (int x = 0; x < w; x++) {
-    for (int y = 0; y < h; y++) line[y] = m[(size_t)y * w + x];
-    for (int y = 0; y < h; y++) {
-      uint8_t v = line[y];
-      for (long q = std::max(0L, (long)y - r); q <= std::min<long>(h - 1, (long)y + r); q++) v = pick(v, line[q]);
-      m[(size_t)y * w + x] = v;
-    }
-  }
+  auto pick = [r, dilate](const Mask& line, int n, int i) {
+    uint8_t v = line[i];
+    for (int q = std::max(0, i - r); q <= std::min(n - 1, i + r); q++)
+      v = dilate ? std::max(v, line[q]) : std::min(v, line[q]);
+    return v;
+  };
+  ref_lines(m, w, h, false, pick);
+  ref_lines(m, w, h, true, pick);
 }
 
 // Masks that are neither smooth nor uniform: blobs, noise and flat runs.
@@ -131,24 +124,19 @@ int count_value(const Mask& m, uint8_t v) { return (int)std::count(m.begin(), m.
 TEST(Geom, CornersMapInOutlineOrderAndInverseRoundTrips) {
   // Projective quads, including one where only sy is off (sx == 0 exactly).
   const std::vector<std::vector<double>> quads = {
-      {100, 80, 1200, 40, 1100, 700, 60, 650},
-      {0.1, 0.2, 0.9, 0.1, 0.8, 0.95, 0.05, 0.7},
-      {0, 0, 4, 0, 3, 2, 1, 2},
-  };
+      {100, 80, 1200, 40, 1100, 700, 60, 650}, {0.1, 0.2, 0.9, 0.1, 0.8, 0.95, 0.05, 0.7}, {0, 0, 4, 0, 3, 2, 1, 2}};
   const double unit[4][2] = {{0, 0}, {1, 0}, {1, 1}, {0, 1}};
   for (const auto& q : quads) {
-    kvl_h h = kvl_h_unit_to_quad(q.data());
+    kvl_h h = kvl_h_unit_to_quad(q.data()), inv;
     EXPECT_TRUE(h.m[6] != 0.0 || h.m[7] != 0.0);
     const double scale = std::max(1.0, std::fabs(q[0]) + std::fabs(q[2]));
+    double x, y, u, v;
     for (int c = 0; c < 4; c++) {
-      double x, y;
       kvl_h_apply(&h, unit[c][0], unit[c][1], &x, &y);
       EXPECT_NEAR(x, q[2 * c], 1e-12 * scale);
       EXPECT_NEAR(y, q[2 * c + 1], 1e-12 * scale);
     }
-    kvl_h inv;
     ASSERT_TRUE(kvl_h_invert(&h, &inv));
-    double x, y, u, v;
     kvl_h_apply(&h, 0.3, 0.7, &x, &y);
     kvl_h_apply(&inv, x, y, &u, &v);
     EXPECT_NEAR(u, 0.3, 1e-9);
@@ -160,97 +148,73 @@ TEST(Geom, ApplyKeepsItsOperationOrder) {
   // (1e16 + 1) + 1 rounds back to 1e16 at each step; 1e16 + (1 + 1) would
   // not. The shader sums in the same order, so this order is part of the
   // contract between the two renderers.
-  kvl_h h = {{1, 1, 1, 1, 1, 1, 0, 0, 1}};
+  kvl_h h = {{1, 1, 1, 1, 1, 1, 0, 0, 1}}, hw = {{1, 0, 0, 0, 1, 0, 1, 1, 1}};
   double x, y;
   kvl_h_apply(&h, 1e16, 1, &x, &y);
-  EXPECT_EQ(x, 1e16);
-  EXPECT_EQ(y, 1e16);
-  kvl_h hw = {{1, 0, 0, 0, 1, 0, 1, 1, 1}};
+  EXPECT_TRUE(x == 1e16 && y == 1e16);
   kvl_h_apply(&hw, 1e16, 1, &x, &y);
   EXPECT_EQ(x, 1.0);  // w = (1e16 + 1) + 1 == 1e16
 }
 
 TEST(Geom, InvertRefusesSingularAndLeavesOutAlone) {
-  kvl_h zero = {};
-  kvl_h out;
-  for (double& v : out.m) v = 42.0;
-  EXPECT_FALSE(kvl_h_invert(&zero, &out));
-  for (double v : out.m) EXPECT_EQ(v, 42.0);
-  // Three collinear corners: g and h go non-finite and the determinant NaN.
+  // Zero; three collinear corners (g and h go non-finite, the determinant
+  // NaN); NaN; and a determinant of 1e-19, under the 1e-18 threshold.
   const double line[8] = {0, 5, 1, 1, 2, 2, 3, 3};
-  kvl_h bad = kvl_h_unit_to_quad(line);
-  EXPECT_FALSE(kvl_h_invert(&bad, &out));
-  for (double v : out.m) EXPECT_EQ(v, 42.0);
-  kvl_h nan = {{NAN, 0, 0, 0, 1, 0, 0, 0, 1}};
-  EXPECT_FALSE(kvl_h_invert(&nan, &out));
-  // 1e-18 is the threshold: tiny but regular matrices still invert.
-  kvl_h small = {{1e-7, 0, 0, 0, 1e-7, 0, 0, 0, 1e-3}};  // det 1e-17
+  const kvl_h bad[] = {kvl_h{}, kvl_h_unit_to_quad(line), {{NAN, 0, 0, 0, 1, 0, 0, 0, 1}},
+                       {{1e-7, 0, 0, 0, 1e-7, 0, 0, 0, 1e-5}}};
+  kvl_h out;
+  for (const kvl_h& h : bad) {
+    for (double& v : out.m) v = 42.0;
+    EXPECT_FALSE(kvl_h_invert(&h, &out)) << &h - bad;
+    for (double v : out.m) EXPECT_EQ(v, 42.0) << &h - bad;
+  }
+  kvl_h small = {{1e-7, 0, 0, 0, 1e-7, 0, 0, 0, 1e-3}};  // det 1e-17: tiny but regular
   ASSERT_TRUE(kvl_h_invert(&small, &out));
   EXPECT_DOUBLE_EQ(out.m[0], 1e7);
-  kvl_h tiny = {{1e-7, 0, 0, 0, 1e-7, 0, 0, 0, 1e-5}};  // det 1e-19
-  EXPECT_FALSE(kvl_h_invert(&tiny, &out));
 }
 
 struct MeshLayer {
   kvl_layer layer{};
   std::vector<double> offsets;
-  MeshLayer(int cols, int rows) : offsets((size_t)(cols + 1) * (rows + 1) * 2, 0.0) {
+  MeshLayer(int cols, int rows, std::vector<double> o) : offsets(std::move(o)) {
     layer.has_mesh = true;
     layer.mesh_cols = cols;
     layer.mesh_rows = rows;
     layer.mesh_offsets = offsets.data();
   }
-  void set(int c, int r, double dx, double dy) {
-    offsets[((size_t)r * (layer.mesh_cols + 1) + c) * 2] = dx;
-    offsets[((size_t)r * (layer.mesh_cols + 1) + c) * 2 + 1] = dy;
-  }
 };
 
 TEST(GeomMesh, PassesThroughEveryControlPoint) {
-  MeshLayer m(3, 2);
   std::mt19937 rng(7);
   std::uniform_real_distribution<double> d(-0.2, 0.2);
-  for (int r = 0; r <= 2; r++)
-    for (int c = 0; c <= 3; c++) m.set(c, r, d(rng), d(rng));
+  std::vector<double> o(4 * 3 * 2);
+  for (double& v : o) v = d(rng);
+  MeshLayer m(3, 2, o);
   for (int r = 0; r <= 2; r++)
     for (int c = 0; c <= 3; c++) {
       double dx, dy;
       kvl_mesh_offset_at(&m.layer, c, r, &dx, &dy);
-      const double* want = &m.offsets[((size_t)r * 4 + c) * 2];
-      // The far edges are reached with t = 1 in the last cell: equal up to
-      // rounding. Everything else is hit with t = 0, exactly.
-      if (c < 3 && r < 2) {
-        EXPECT_EQ(dx, want[0]) << c << "," << r;
-        EXPECT_EQ(dy, want[1]) << c << "," << r;
-      } else {
-        EXPECT_NEAR(dx, want[0], 1e-15) << c << "," << r;
-        EXPECT_NEAR(dy, want[1], 1e-15) << c << "," << r;
-      }
+      // Inner points are hit with t = 0, exactly; the far edges with t = 1
+      // in the last cell, equal up to rounding.
+      const double* want = &o[(r * 4 + c) * 2];
+      const double tol = c < 3 && r < 2 ? 0 : 1e-15;
+      EXPECT_NEAR(dx, want[0], tol) << c << "," << r;
+      EXPECT_NEAR(dy, want[1], tol) << c << "," << r;
     }
 }
 
-TEST(GeomMesh, OneByOneUsesRepeatedCorners) {
-  MeshLayer m(1, 1);
-  m.set(0, 0, 0, 0);
-  m.set(1, 0, 1, 0);
-  m.set(0, 1, 0, 0);
-  m.set(1, 1, 0, 1);
-  double dx, dy;
+TEST(GeomMesh, OneByOneUsesRepeatedCornersAndClampsOutside) {
+  MeshLayer m(1, 1, {0, 0, 1, 0, 0, 0, 0, 1});
   // With both end points repeated the curve between A and B weighs B by
   // t/2 + 3t^2/2 - t^3, which is 1/2 in the middle and 0.203125 at 1/4.
-  kvl_mesh_offset_at(&m.layer, 0.5, 0.5, &dx, &dy);
-  EXPECT_DOUBLE_EQ(dx, 0.25);
-  EXPECT_DOUBLE_EQ(dy, 0.25);
-  kvl_mesh_offset_at(&m.layer, 0.25, 0.0, &dx, &dy);
-  EXPECT_DOUBLE_EQ(dx, 0.203125);
-  EXPECT_EQ(dy, 0.0);
-  // Outside the grid the position clamps to the border.
-  kvl_mesh_offset_at(&m.layer, 7.0, -3.0, &dx, &dy);
-  EXPECT_NEAR(dx, 1.0, 1e-15);
-  EXPECT_NEAR(dy, 0.0, 1e-15);
-  kvl_mesh_offset_at(&m.layer, NAN, NAN, &dx, &dy);
-  EXPECT_EQ(dx, 0.0);
-  EXPECT_EQ(dy, 0.0);
+  // Outside the grid the position clamps to the border; NaN gives no offset.
+  const double cases[][4] = {{0.5, 0.5, 0.25, 0.25}, {0.25, 0, 0.203125, 0}, {7, -3, 1, 0}, {NAN, NAN, 0, 0}};
+  for (const auto& c : cases) {
+    double dx, dy;
+    kvl_mesh_offset_at(&m.layer, c[0], c[1], &dx, &dy);
+    EXPECT_NEAR(dx, c[2], 1e-15) << c[0] << "," << c[1];
+    EXPECT_NEAR(dy, c[3], 1e-15) << c[0] << "," << c[1];
+  }
 }
 
 TEST(GeomFlatten, OneHandleCurvesOneEdge) {
@@ -260,19 +224,14 @@ TEST(GeomFlatten, OneHandleCurvesOneEdge) {
   v[0].out_y = 1;
   double* pts = nullptr;
   ASSERT_EQ(kvl_flatten(v, 4, &pts), 19);
-  EXPECT_EQ(pts[0], 0.0);
-  EXPECT_EQ(pts[1], 0.0);
   // Inner point k = 8 is t = 1/2: P0/8 + 3 C1/8 + 3 C2/8 + P3/8 with
-  // C1 = (0, 1) and C2 = P3 = (1, 0).
-  EXPECT_DOUBLE_EQ(pts[2 * 8], 0.5);
-  EXPECT_DOUBLE_EQ(pts[2 * 8 + 1], 0.375);
-  // Then the straight edges contribute only their start vertices.
-  EXPECT_EQ(pts[2 * 16], 1.0);
-  EXPECT_EQ(pts[2 * 16 + 1], 0.0);
-  EXPECT_EQ(pts[2 * 17], 1.0);
-  EXPECT_EQ(pts[2 * 17 + 1], 1.0);
-  EXPECT_EQ(pts[2 * 18], 0.0);
-  EXPECT_EQ(pts[2 * 18 + 1], 1.0);
+  // C1 = (0, 1) and C2 = P3 = (1, 0). The straight edges then contribute
+  // only their start vertices.
+  const double want[][3] = {{0, 0, 0}, {8, 0.5, 0.375}, {16, 1, 0}, {17, 1, 1}, {18, 0, 1}};
+  for (const auto& w : want) {
+    EXPECT_DOUBLE_EQ(pts[2 * (int)w[0]], w[1]) << w[0];
+    EXPECT_DOUBLE_EQ(pts[2 * (int)w[0] + 1], w[2]) << w[0];
+  }
   free(pts);
   pts = nullptr;  // an empty outline still returns a freeable block
   EXPECT_EQ(kvl_flatten(nullptr, 0, &pts), 0);
@@ -288,40 +247,28 @@ TEST(Raster, PartialCoverageAndInvert) {
   Mask m(w * h), mi(w * h);
   kvl_raster_polygon(rect, 4, m.data(), w, h, 0);
   kvl_raster_polygon(rect, 4, mi.data(), w, h, 3);  // only bit 0 counts
-  for (int y = 0; y < h; y++) {
-    EXPECT_EQ(m[y * w + 2], 127);
-    EXPECT_EQ(mi[y * w + 2], 128);
-    EXPECT_EQ(m[y * w + 4], 255);
-    EXPECT_EQ(mi[y * w + 4], 0);
-    EXPECT_EQ(m[y * w + 7], 0);
-    EXPECT_EQ(mi[y * w + 7], 255);
-  }
+  for (int y = 0; y < h; y++)
+    for (auto [x, plain, inverted] : {std::tuple{2, 127, 128}, {4, 255, 0}, {7, 0, 255}}) {
+      EXPECT_EQ(m[y * w + x], plain) << x << "," << y;
+      EXPECT_EQ(mi[y * w + x], inverted) << x << "," << y;
+    }
   // Top edge at 1.5: two of four sample lines in row 1.
   const double top[] = {0, 1.5, 8, 1.5, 8, 4, 0, 4};
   kvl_raster_polygon(top, 4, m.data(), w, h, 0);
-  EXPECT_EQ(m[0 * w + 3], 0);
-  EXPECT_EQ(m[1 * w + 3], 127);
-  EXPECT_EQ(m[2 * w + 3], 255);
+  EXPECT_TRUE(m[0 * w + 3] == 0 && m[1 * w + 3] == 127 && m[2 * w + 3] == 255);
 }
 
 TEST(Raster, DegenerateAndOutsidePolygonsLeaveTheFill) {
   const int w = 10, h = 10;
-  const double two[] = {1, 1, 8, 8};
-  const double outside[] = {20, 20, 30, 20, 30, 30, 20, 30};
-  const double above[] = {1, -9, 8, -9, 8, -1, 1, -1};
-  const double flat[] = {1, 5, 8, 5, 4, 5};
-  for (int invert : {0, 1}) {
-    const uint8_t fill = invert ? 255 : 0;
-    Mask m(w * h, 9);
-    kvl_raster_polygon(two, 2, m.data(), w, h, invert);
-    EXPECT_EQ(count_value(m, fill), w * h);
-    kvl_raster_polygon(outside, 4, m.data(), w, h, invert);
-    EXPECT_EQ(count_value(m, fill), w * h);
-    kvl_raster_polygon(above, 4, m.data(), w, h, invert);
-    EXPECT_EQ(count_value(m, fill), w * h);
-    kvl_raster_polygon(flat, 3, m.data(), w, h, invert);
-    EXPECT_EQ(count_value(m, fill), w * h);
-  }
+  // Two points, off to the side, above, and flat on one line.
+  const std::vector<std::vector<double>> polys = {
+      {1, 1, 8, 8}, {20, 20, 30, 20, 30, 30, 20, 30}, {1, -9, 8, -9, 8, -1, 1, -1}, {1, 5, 8, 5, 4, 5}};
+  for (int invert : {0, 1})
+    for (const auto& p : polys) {
+      Mask m(w * h, 9);
+      kvl_raster_polygon(p.data(), (int)p.size() / 2, m.data(), w, h, invert);
+      EXPECT_EQ(count_value(m, invert ? 255 : 0), w * h) << p.size() << " " << p[1] << " " << invert;
+    }
 }
 
 TEST(Raster, ManyThinSpansInOnePixelSaturate) {
@@ -341,30 +288,22 @@ TEST(Raster, ManyThinSpansInOnePixelSaturate) {
     ref_raster(pts.data(), n, want.data(), w, h, invert);
     EXPECT_EQ(m, want);
     const uint8_t on = invert ? 0 : 255, off = invert ? 255 : 0;
-    EXPECT_EQ(m[5 * w + 20], on);
-    EXPECT_EQ(m[5 * w + 25], off);
-    EXPECT_EQ(m[5 * w + 30], on);
-    EXPECT_EQ(m[5 * w + 46], off);
+    EXPECT_TRUE(m[5 * w + 20] == on && m[5 * w + 25] == off && m[5 * w + 30] == on && m[5 * w + 46] == off);
   }
 }
 
 TEST(Raster, MatchesPlainScanConversion) {
   std::mt19937 rng(1234);
   for (int iter = 0; iter < 400; iter++) {
-    const int w = 1 + (int)(rng() % 48), h = 1 + (int)(rng() % 48);
-    const int n = 3 + (int)(rng() % 12);
+    const int w = 1 + (int)(rng() % 48), h = 1 + (int)(rng() % 48), n = 3 + (int)(rng() % 12);
     std::vector<double> pts(2 * n);
     std::uniform_real_distribution<double> dx(-10, w + 10), dy(-10, h + 10);
+    // Mix free positions with eighth-pixel ones, which hit the half-way
+    // rounding of the coverage and vertices lying on sample lines.
     for (int i = 0; i < n; i++) {
-      // Mix free positions with quarter-pixel ones, which hit the half-way
-      // rounding of the coverage and vertices lying on sample lines.
-      if (rng() % 2) {
-        pts[2 * i] = dx(rng);
-        pts[2 * i + 1] = dy(rng);
-      } else {
-        pts[2 * i] = std::floor(dx(rng) * 8) / 8;
-        pts[2 * i + 1] = std::floor(dy(rng) * 8) / 8;
-      }
+      const bool free_pos = rng() % 2;
+      pts[2 * i] = free_pos ? dx(rng) : std::floor(dx(rng) * 8) / 8;
+      pts[2 * i + 1] = free_pos ? dy(rng) : std::floor(dy(rng) * 8) / 8;
     }
     const int invert = (int)(rng() % 2);
     Mask got(w * h), want(w * h);
@@ -377,12 +316,10 @@ TEST(Raster, MatchesPlainScanConversion) {
 TEST(Raster, SurvivesNonFiniteAndHugeCoordinates) {
   const int w = 20, h = 20;
   Mask m(w * h);
-  const double big = 1e300;
+  const double big = 1e300, nan = std::numeric_limits<double>::quiet_NaN(), inf = INFINITY;
   const double huge[] = {-big, -big, big, -big, big, big, -big, big};
   kvl_raster_polygon(huge, 4, m.data(), w, h, 0);
   EXPECT_EQ(count_value(m, 255), w * h);
-  const double nan = std::numeric_limits<double>::quiet_NaN();
-  const double inf = std::numeric_limits<double>::infinity();
   const double all_nan[] = {nan, nan, nan, nan, nan, nan};
   kvl_raster_polygon(all_nan, 3, m.data(), w, h, 1);
   EXPECT_EQ(count_value(m, 255), w * h);
@@ -391,10 +328,8 @@ TEST(Raster, SurvivesNonFiniteAndHugeCoordinates) {
   const double garbage[] = {nan, 5, inf, 6, -inf, 7.5, big, 8, -big, 5.5, 3e9, 6.5, -3e9, 7};
   for (int invert : {0, 1}) {
     kvl_raster_polygon(garbage, 7, m.data(), w, h, invert);
-    for (int y = 0; y < h; y++) {
-      if (y >= 5 && y < 8) continue;
-      for (int x = 0; x < w; x++) ASSERT_EQ(m[y * w + x], invert ? 255 : 0) << x << "," << y;
-    }
+    for (int y = 0; y < h; y++)
+      for (int x = 0; x < w && (y < 5 || y >= 8); x++) ASSERT_EQ(m[y * w + x], invert ? 255 : 0) << x << "," << y;
   }
   // Edges running to infinity have no finite crossing (0 * inf): they draw
   // nothing rather than something arbitrary.
@@ -423,18 +358,12 @@ TEST(MaskFilter, BlurMatchesPlainBoxFilter) {
   std::mt19937 rng(99);
   for (int iter = 0; iter < 150; iter++) {
     auto [w, h] = random_size(rng);
-    double sigma;
-    switch (rng() % 4) {
-      case 0: sigma = 0.31 + (rng() % 100) / 40.0; break;
-      case 1: sigma = 1 + (rng() % 400) / 10.0; break;
-      case 2: sigma = 50 + rng() % 400; break;  // r past the mask size
-      default: sigma = 2100 + rng() % 900; break;  // 2r + 1 past 4096
-    }
+    // Small sigmas, the usual range, r past the mask size, and 2r + 1 past 4096.
+    const double sigmas[] = {0.31 + (rng() % 100) / 40.0, 1 + (rng() % 400) / 10.0, 50.0 + rng() % 400,
+                             2100.0 + rng() % 900};
+    const double sigma = sigmas[rng() % 4];
     // The plain filter costs (2r + 1) per pixel: keep wide windows on small masks.
-    while ((long)w * h * (2 * blur_radius(sigma) + 1) > 600000) {
-      w = std::max(1, w / 2);
-      h = std::max(1, h / 2);
-    }
+    while ((long)w * h * (2 * blur_radius(sigma) + 1) > 600000) w = std::max(1, w / 2), h = std::max(1, h / 2);
     Mask m = random_mask(rng, w, h), want = m;
     kvl_blur8(m.data(), w, h, sigma);
     ref_blur_r(want.data(), w, h, blur_radius(sigma));
@@ -444,39 +373,25 @@ TEST(MaskFilter, BlurMatchesPlainBoxFilter) {
 
 TEST(MaskFilter, MorphologyMatchesPlainWindows) {
   std::mt19937 rng(2024);
+  auto check = [](const Mask& base, int w, int h, int r, bool dilate) {
+    Mask m = base, want = base;
+    (dilate ? kvl_dilate8 : kvl_erode8)(m.data(), w, h, r);
+    ref_morph(want.data(), w, h, r, dilate);
+    return m == want;
+  };
   for (int iter = 0; iter < 300; iter++) {
     auto [w, h] = random_size(rng);
     const bool dilate = rng() % 2;
-    int r;
-    switch (rng() % 3) {
-      case 0: r = 1 + (int)(rng() % 4); break;
-      case 1: r = 1 + (int)(rng() % 40); break;
-      default: r = (int)(rng() % 90); break;  // includes 0 and r >= size
-    }
-    Mask m = random_mask(rng, w, h), want = m;
-    if (dilate) kvl_dilate8(m.data(), w, h, r);
-    else kvl_erode8(m.data(), w, h, r);
-    ref_morph(want.data(), w, h, r, dilate);
-    ASSERT_EQ(m, want) << "iteration " << iter << " " << w << "x" << h << " r " << r << " dilate " << dilate;
+    // Small radii, larger ones, and anything up to 89, including 0 and r >= size.
+    const int radii[] = {1 + (int)(rng() % 4), 1 + (int)(rng() % 40), (int)(rng() % 90)};
+    const int r = radii[rng() % 3];
+    ASSERT_TRUE(check(random_mask(rng, w, h), w, h, r, dilate))
+        << "iteration " << iter << " " << w << "x" << h << " r " << r << " dilate " << dilate;
   }
-}
-
-TEST(MaskFilter, MorphologyOnWideMaskCrossesStrips) {
   // Wider than one column strip of the column pass.
-  const int w = 600, h = 40;
-  std::mt19937 rng(8);
-  Mask m = random_mask(rng, w, h);
-  for (int r : {2, 17}) {
-    Mask a = m, b = m;
-    kvl_erode8(a.data(), w, h, r);
-    ref_morph(b.data(), w, h, r, false);
-    EXPECT_EQ(a, b) << r;
-    a = m;
-    b = m;
-    kvl_dilate8(a.data(), w, h, r);
-    ref_morph(b.data(), w, h, r, true);
-    EXPECT_EQ(a, b) << r;
-  }
+  const Mask wide = random_mask(rng, 600, 40);
+  for (int r : {2, 17})
+    for (bool dilate : {false, true}) EXPECT_TRUE(check(wide, 600, 40, r, dilate)) << r << " " << dilate;
 }
 
 }  // namespace

@@ -13,21 +13,17 @@
 
 namespace {
 
-std::string sceneWith(int layers, const char* resolution = "[320,180]") {
-  std::string s = std::string(R"({"outputs":[{"id":"out-1","resolution":)") + resolution + "}],\"mappings\":[";
-  for (int i = 0; i < layers; i++) {
-    if (i) s += ",";
-    s += R"({"id":"l)" + std::to_string(i) +
+std::string sceneWith(int layers, const std::string& resolution = "[320,180]") {
+  std::string s = R"({"outputs":[{"id":"out-1","resolution":)" + resolution + "}],\"mappings\":[";
+  for (int i = 0; i < layers; i++)
+    s += (i ? "," : "") + std::string(R"({"id":"l)") + std::to_string(i) +
          R"(","corners":[[0,0],[1,0],[1,1],[0,1]],"paint":{"type":"color","argb":4294901760}})";
-  }
   return s + "]}";
 }
 
 std::string stateWith(const std::string& scene, const std::string& extra = "") {
   return R"({"scene":)" + scene + (extra.empty() ? "" : "," + extra) + "}";
 }
-
-OutputStateKind parse(const std::string& text, OutputState& out) { return parseOutputState(text, out); }
 
 bool hasSource(kvl_engine* e, const char* key) {
   const kvl_sources* s = kvl_engine_sources(e);
@@ -36,24 +32,21 @@ bool hasSource(kvl_engine* e, const char* key) {
   return false;
 }
 
-// ---- the message ---------------------------------------------------------
-
 TEST(OutputStateParse, RejectsAnythingButAnObjectWithAnObjectSceneOrTheBareReset) {
   OutputState s;
-  EXPECT_EQ(parse("mediaReset", s), OutputStateKind::MediaReset);
-  for (const char* bad : {"mediaReset\n", "\"mediaReset\"", "mediareset", "", "[]", "42", "null", "{", "{\"scene\":[]}", "{\"scene\":\"{}\"}", "{\"mode\":\"normal\"}",
-                          "{\"scene\":{}} x", "{\"scene\":{}}{}"})
-    EXPECT_EQ(parse(bad, s), OutputStateKind::Rejected) << bad;
-  EXPECT_EQ(parse(std::string("{\"scene\":{}}\0", 14), s), OutputStateKind::Rejected);
-  EXPECT_EQ(parse("{\"scene\":{\"a\":\"\xC3\x28\"}}", s), OutputStateKind::Rejected);  // broken UTF-8
-  EXPECT_EQ(parse(" {\"scene\":{}} \r\n", s), OutputStateKind::State);
+  EXPECT_EQ(parseOutputState("mediaReset", s), OutputStateKind::MediaReset);
+  for (const char* bad : {"mediaReset\n", "\"mediaReset\"", "mediareset", "", "[]", "42", "null", "{", "{\"scene\":[]}",
+                          "{\"scene\":\"{}\"}", "{\"mode\":\"normal\"}", "{\"scene\":{}} x", "{\"scene\":{}}{}",
+                          "{\"scene\":{\"a\":\"\xC3\x28\"}}" /* broken UTF-8 */,
+                          R"({"scene":{"outputs":[{"resolution":[3e9,1080]}]}})",
+                          R"({"scene":{},"videoPositions":{"a.mp4":1e300}})" /* past 64 bits: the whole state goes */})
+    EXPECT_EQ(parseOutputState(bad, s), OutputStateKind::Rejected) << bad;
+  EXPECT_EQ(parseOutputState(std::string("{\"scene\":{}}\0", 14), s), OutputStateKind::Rejected);
+  EXPECT_EQ(parseOutputState(" {\"scene\":{}} \r\n", s), OutputStateKind::State);
 }
 
 TEST(OutputStateParse, SceneSizeFromTheFirstOutputOnly) {
-  struct Case {
-    const char* outputs;
-    int32_t w, h;
-  } cases[] = {
+  const struct { const char* outputs; int32_t w, h; } cases[] = {
       {R"([{"resolution":[1280,720.9]},{"resolution":[10,10]}])", 1280, 720},
       {R"([{"resolution":[0,1080]}])", 1920, 1080},
       {R"([{"resolution":[640,480,3]}])", 1920, 1080},
@@ -61,23 +54,20 @@ TEST(OutputStateParse, SceneSizeFromTheFirstOutputOnly) {
       {R"([7])", 1920, 1080},
       {R"({"resolution":[640,480]})", 1920, 1080},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     OutputState s;
-    ASSERT_EQ(parse(std::string(R"({"scene":{"outputs":)") + c.outputs + "}}", s), OutputStateKind::State)
+    ASSERT_EQ(parseOutputState(std::string(R"({"scene":{"outputs":)") + c.outputs + "}}", s), OutputStateKind::State)
         << c.outputs;
     EXPECT_EQ(s.sceneW, c.w) << c.outputs;
     EXPECT_EQ(s.sceneH, c.h) << c.outputs;
   }
-  OutputState s;
-  EXPECT_EQ(parse(R"({"scene":{"outputs":[{"resolution":[3e9,1080]}]}})", s), OutputStateKind::Rejected);
 }
 
 TEST(OutputStateParse, TransportFields) {
-  OutputState s;
-  ASSERT_EQ(parse(R"({"scene":{},"mode":"blackout","playing":true,
+  OutputState s, t;
+  ASSERT_EQ(parseOutputState(R"({"scene":{},"mode":"blackout","playing":true,
       "videoPositions":{"a.mp4":1500.7,"b.mp4":"12","c.mov":-2.5,"a.mp4":9},
-      "videoSpeeds":{"a.mp4":2,"b.mp4":null},"audioTimeMs":12.5,"audioClockOriginMs":1.7e12})",
-                  s),
+      "videoSpeeds":{"a.mp4":2,"b.mp4":null},"audioTimeMs":12.5,"audioClockOriginMs":1.7e12})", s),
             OutputStateKind::State);
   EXPECT_EQ(s.mode, "blackout");
   EXPECT_TRUE(s.playing);
@@ -88,63 +78,43 @@ TEST(OutputStateParse, TransportFields) {
   EXPECT_EQ(s.speeds.at("a.mp4"), 2.0);
   EXPECT_EQ(s.audioTimeMs, 12.5);
   EXPECT_EQ(s.audioClockOriginMs, 1.7e12);
-
-  OutputState t;
-  ASSERT_EQ(parse(R"({"scene":{},"mode":3,"playing":1,"audioTimeMs":"5"})", t), OutputStateKind::State);
+  ASSERT_EQ(parseOutputState(R"({"scene":{},"mode":3,"playing":1,"audioTimeMs":"5"})", t), OutputStateKind::State);
   EXPECT_EQ(t.mode, "normal");
   EXPECT_FALSE(t.playing);
   EXPECT_FALSE(t.audioTimeMs.has_value());
-  // A position past the 64-bit range has no meaning: the whole state goes.
-  EXPECT_EQ(parse(R"({"scene":{},"videoPositions":{"a.mp4":1e300}})", t), OutputStateKind::Rejected);
 }
-
-// ---- the state machine ------------------------------------------------------
 
 class OutputState : public ::testing::Test {
  protected:
   std::string root = "/media/a";
   int rootCalls = 0;
-  OutputRendererCore core{[this] {
-    rootCalls++;
-    return root;
-  }};
+  OutputRendererCore core{[this] { return rootCalls++, root; }};
 };
 
-TEST_F(OutputState, PendingSceneWaitsForTheFrameAndOnlyTheLatestCounts) {
+TEST_F(OutputState, PendingSceneHandOverSizeChangesAndMediaReset) {
   ASSERT_TRUE(core.setState(stateWith(sceneWith(1))).has_value());
   ASSERT_TRUE(core.setState(stateWith(sceneWith(3))).has_value());
   EXPECT_EQ(core.engine(), nullptr);  // nothing happens before a frame
   EXPECT_EQ(core.shared().sceneGeneration, 2);
-  ASSERT_TRUE(core.shared().pendingScene.has_value());
-
   core.applyPendingScene();
-  ASSERT_NE(core.engine(), nullptr);
-  EXPECT_EQ(kvl_engine_layer_count(core.engine()), 3);
+  kvl_engine* e = core.engine();
+  ASSERT_NE(e, nullptr);
+  EXPECT_EQ(kvl_engine_layer_count(e), 3);  // only the latest counts
   EXPECT_EQ(core.engineW(), 320);
   EXPECT_EQ(core.engineH(), 180);
   EXPECT_FALSE(core.shared().pendingScene.has_value());
   EXPECT_EQ(core.engineMediaRoot(), std::optional<std::string>("/media/a"));
-
-  // A frame without a new state touches nothing.
-  kvl_engine* e = core.engine();
-  core.applyPendingScene();
+  core.applyPendingScene();  // a frame without a new state touches nothing
   EXPECT_EQ(core.engine(), e);
-}
 
-TEST_F(OutputState, SameSizeKeepsTheHandleMediaResetForgetsNewSizeRecreates) {
-  core.setState(stateWith(sceneWith(1)));
-  core.applyPendingScene();
-  kvl_engine* e = core.engine();
-  ASSERT_NE(e, nullptr);
   ASSERT_EQ(kvl_engine_declare_source(e, "wall.png", 64, 32), 0);
   const_cast<KeySet&>(core.declared()).insert("wall.png");
-  int callsBefore = rootCalls;
-
-  core.setState(stateWith(sceneWith(2)));
+  const int callsBefore = rootCalls;
+  core.setState(stateWith(sceneWith(2)));  // same size: same handle, same source table
   core.applyPendingScene();
   EXPECT_EQ(core.engine(), e);
   EXPECT_EQ(kvl_engine_layer_count(e), 2);
-  EXPECT_TRUE(hasSource(e, "wall.png"));  // the source table survives a scene
+  EXPECT_TRUE(hasSource(e, "wall.png"));
   EXPECT_EQ(core.declared().count("wall.png"), 1u);
   EXPECT_EQ(rootCalls, callsBefore + 1);  // asked after each hand-over
 
@@ -169,20 +139,18 @@ TEST_F(OutputState, SameSizeKeepsTheHandleMediaResetForgetsNewSizeRecreates) {
 
 TEST_F(OutputState, RejectedTextChangesNothingAndAFailedSceneKeepsTheOld) {
   core.setState(stateWith(sceneWith(1), R"("mode":"testPattern","playing":true)"));
-  OutputRendererCore::Shared before = core.shared();
+  const int64_t generation = core.shared().sceneGeneration;
   EXPECT_FALSE(core.setState("{\"scene\": 5}").has_value());
   EXPECT_FALSE(core.setState("not json").has_value());
-  OutputRendererCore::Shared after = core.shared();
-  EXPECT_EQ(after.sceneGeneration, before.sceneGeneration);
-  EXPECT_EQ(after.mode, "testPattern");
-  EXPECT_TRUE(after.playing);
+  EXPECT_EQ(core.shared().sceneGeneration, generation);
+  EXPECT_EQ(core.shared().mode, "testPattern");
+  EXPECT_TRUE(core.shared().playing);
 
   core.setState(stateWith(sceneWith(2)));
   core.applyPendingScene();
   kvl_engine* e = core.engine();
   ::testing::internal::CaptureStderr();
-  // The inner step takes the text as it is; the engine refuses it.
-  core.setState("{\"mappings\": [", 320, 180, "normal", false, {}, {});
+  core.setState("{\"mappings\": [", 320, 180, "normal", false, {}, {});  // taken as is; the engine refuses it
   core.applyPendingScene();
   std::string err = ::testing::internal::GetCapturedStderr();
   EXPECT_EQ(core.engine(), e);
@@ -198,10 +166,7 @@ TEST(OutputStateThread, StatesFromAnotherThreadArriveWhole) {
   std::atomic<bool> done{false};
   const int kStates = 300;
   std::thread host([&] {
-    for (int i = 1; i <= kStates; i++) {
-      int w = 100 + (i % 3);
-      core.setState(stateWith(sceneWith(i % 4, ("[" + std::to_string(w) + ",50]").c_str())));
-    }
+    for (int i = 1; i <= kStates; i++) core.setState(stateWith(sceneWith(i % 4, "[" + std::to_string(100 + i % 3) + ",50]")));
     done = true;
   });
   while (!done) {
@@ -212,7 +177,7 @@ TEST(OutputStateThread, StatesFromAnotherThreadArriveWhole) {
   core.applyPendingScene();
   ::testing::internal::GetCapturedStderr();
   ASSERT_NE(core.engine(), nullptr);
-  EXPECT_EQ(core.engineW(), 100 + (kStates % 3));
+  EXPECT_EQ(core.engineW(), 100 + kStates % 3);
   EXPECT_EQ(kvl_engine_layer_count(core.engine()), kStates % 4);
   EXPECT_EQ(core.shared().sceneGeneration, kStates);
 }

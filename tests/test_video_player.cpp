@@ -19,20 +19,14 @@ using Opt = std::optional<int64_t>;
 
 std::string clip(const std::string& name, const videotest::Clip& c = {}) {
   std::string path = mediatest::pathOf(name);
-  if (!std::filesystem::exists(path)) {
-    EXPECT_TRUE(videotest::makeClip(path, c)) << name;
-  }
+  EXPECT_TRUE(std::filesystem::exists(path) || videotest::makeClip(path, c)) << name;
   return path;
 }
 
 // A host clock that moves only when the test says so.
 struct FakeClock {
   std::shared_ptr<std::atomic<double>> now = std::make_shared<std::atomic<double>>(100.0);
-  VideoPlayer::Options options() const {
-    VideoPlayer::Options o;
-    o.hostClock = [n = now] { return n->load(); };
-    return o;
-  }
+  VideoPlayer::Options options() const { return {.hostClock = [n = now] { return n->load(); }}; }
   void advance(double s) { now->store(now->load() + s); }
 };
 
@@ -68,11 +62,8 @@ TEST(VideoPlayer, SeeksAreFrameExactAtEveryRateAndCompleteWithTheFrameReady) {
     FakeClock clock;
     VideoPlayer p(clip("exact" + std::to_string(fps) + ".mp4", c), clock.options());
     ASSERT_EQ(p.waitOpened(10), VideoPlayer::Status::Ready) << p.error();
-    EXPECT_EQ(p.width(), 320);
-    EXPECT_EQ(p.height(), 180);
+    EXPECT_TRUE(p.width() == 320 && p.height() == 180 && p.rate() == 0.0f && !p.hardwareDecoding());
     EXPECT_NEAR(static_cast<double>(p.durationUs()), 2e6, 1e6 / fps);
-    EXPECT_EQ(p.rate(), 0.0f);
-    EXPECT_FALSE(p.hardwareDecoding());
     const int32_t last = 2 * fps - 1;
     auto begins = [&](int32_t k) { return static_cast<int64_t>(std::llround(k * 1e6 / fps)); };
     // {target, index}: a frame's first and last microsecond, back past a key frame, past both ends.
@@ -218,9 +209,8 @@ TEST(VideoPlayerThread, ConcurrentSeeksRatesAndFramesAreSafe) {
     });
     threads.emplace_back([&] {
       while (!stop) {
-        if (VideoPlayer::FramePtr f = p.frameForHostTime(p.hostTime())) {
-          EXPECT_GE(videotest::indexOfFrame(f->frame), 0);
-        }
+        VideoPlayer::FramePtr f = p.frameForHostTime(p.hostTime());
+        EXPECT_TRUE(!f || videotest::indexOfFrame(f->frame) >= 0);
         (void)p.currentTimeUs();
         std::this_thread::sleep_for(1ms);
       }
