@@ -101,6 +101,7 @@ struct canvas {
   ptrdiff_t stride;
   int32_t row0;
   int32_t width;
+  bool opaque;  // the frame, whose pixels are all opaque
   uint8_t* row(int32_t y) const { return base + static_cast<ptrdiff_t>(y - row0) * stride; }
 };
 
@@ -128,6 +129,7 @@ struct shade {
   bool ic_identity, cover_identity;
   bool simd;  // the AVX2 kernels may run for this layer
   bool wide;  // and the AVX-512 ones too
+  bool frame;  // drawing onto the frame, whose pixels are all opaque
   // Hidden pixels of the chunk (see run_job): `hid` holds, for each pixel, the
   // id of the topmost step whose result there is settled (0: none), and `keep`
   // that result, 4 bytes a pixel; rows of `hid_w` pixels from row `hid_y0`.
@@ -890,8 +892,10 @@ KVL_AVX512_INLINE __m512d w_weight(__m512d cr, __m512d cg, __m512d cb, __m512d c
   return t;
 }
 
+// With `frame` the pixels are known to be opaque (the frame's always are) and
+// their alpha is not looked at.
 KVL_AVX512_INLINE void w_blend(uint8_t* px, __m512d cr, __m512d cg, __m512d cb, __m512d ca, __m512d aK, bool luma,
-                               __mmask8 act) {
+                               __mmask8 act, bool frame) {
   const __m512d zero = _mm512_setzero_pd(), one = _mm512_set1_pd(1.0);
   __m512d t = w_weight(cr, cg, cb, ca, aK, luma);
   act &= _mm512_cmp_pd_mask(t, zero, _CMP_GT_OQ);
@@ -900,14 +904,14 @@ KVL_AVX512_INLINE void w_blend(uint8_t* px, __m512d cr, __m512d cg, __m512d cb, 
   // Masked: the last group of a span may reach past the frame's last pixel.
   const __m256i old = _mm256_maskz_loadu_epi32(act, px);
   const __m512d dr = w_channel(old, 0), dg = w_channel(old, 8), db = w_channel(old, 16);
-  const __m256i olda = _mm256_srli_epi32(old, 24);
-  const __m512d da = _mm512_mul_pd(_mm512_cvtepi32_pd(olda), _mm512_set1_pd(kInv255));
-  const __mmask8 opaque = _mm512_cmp_pd_mask(da, one, _CMP_GE_OQ);
   const __m512d omt = _mm512_sub_pd(one, t);
   __m512d r = w_round(_mm512_add_pd(_mm512_mul_pd(omt, dr), _mm512_mul_pd(t, cr)));
   __m512d g = w_round(_mm512_add_pd(_mm512_mul_pd(omt, dg), _mm512_mul_pd(t, cg)));
   __m512d b = w_round(_mm512_add_pd(_mm512_mul_pd(omt, db), _mm512_mul_pd(t, cb)));
-  __m256i a = olda;
+  __m256i outa = _mm256_and_si256(old, _mm256_set1_epi32(static_cast<int32_t>(0xFF000000u)));
+  const __m256i olda = _mm256_srli_epi32(old, 24);
+  const __m512d da = frame ? one : _mm512_mul_pd(_mm512_cvtepi32_pd(olda), _mm512_set1_pd(kInv255));
+  const __mmask8 opaque = frame ? act : _mm512_cmp_pd_mask(da, one, _CMP_GE_OQ);
   if ((opaque & act) != act) {
     const __m512d oa = _mm512_add_pd(t, _mm512_mul_pd(da, omt));
     act &= static_cast<__mmask8>(opaque | _mm512_cmp_pd_mask(oa, zero, _CMP_GT_OQ));
@@ -920,12 +924,12 @@ KVL_AVX512_INLINE void w_blend(uint8_t* px, __m512d cr, __m512d cg, __m512d cb, 
     r = _mm512_mask_blend_pd(opaque, r2, r);
     g = _mm512_mask_blend_pd(opaque, g2, g);
     b = _mm512_mask_blend_pd(opaque, b2, b);
-    a = _mm256_mask_blend_epi32(opaque, _mm512_cvttpd_epi32(a2), olda);
+    outa = _mm256_slli_epi32(_mm256_mask_blend_epi32(opaque, _mm512_cvttpd_epi32(a2), olda), 24);
   }
   __m256i outv = _mm512_cvttpd_epi32(r);
   outv = _mm256_or_si256(outv, _mm256_slli_epi32(_mm512_cvttpd_epi32(g), 8));
   outv = _mm256_or_si256(outv, _mm256_slli_epi32(_mm512_cvttpd_epi32(b), 16));
-  outv = _mm256_or_si256(outv, _mm256_slli_epi32(a, 24));
+  outv = _mm256_or_si256(outv, outa);
   _mm256_mask_storeu_epi32(px, act, outv);
 }
 
@@ -1219,7 +1223,7 @@ KVL_AVX512_INLINE void w_shade_batch(const shade& s, w_batch* b) {
     if (s.probe)
       w_settle(s, b->hr, b->x[i], cr[i], cg[i], cb[i], ca[i], aK, act);
     else
-      w_blend(b->px[i], cr[i], cg[i], cb[i], ca[i], aK, s.luma, act);
+      w_blend(b->px[i], cr[i], cg[i], cb[i], ca[i], aK, s.luma, act, s.frame);
   }
 }
 
@@ -1303,7 +1307,7 @@ KVL_AVX512 void poly_span_avx512(const shade& s, const kvl_prep* p, int32_t y, d
 }
 
 KVL_AVX512 void fx_span_avx512(const kvl_color& col, bool luma, double k, const uint8_t* cov, int32_t n,
-                               uint8_t* row) {
+                               uint8_t* row, bool frame) {
   const __m512d zero = _mm512_setzero_pd();
   const __m512d cr = _mm512_set1_pd(col.r), cg = _mm512_set1_pd(col.g), cb = _mm512_set1_pd(col.b);
   const __m512d ca = _mm512_set1_pd(col.a), kk = _mm512_set1_pd(k), inv = _mm512_set1_pd(kInv255);
@@ -1313,7 +1317,7 @@ KVL_AVX512 void fx_span_avx512(const kvl_color& col, bool luma, double k, const 
     if (!c8) continue;
     const __m512d c = _mm512_cvtepi32_pd(_mm256_cvtepu8_epi32(_mm_cvtsi64_si128(c8)));
     w_blend(row + 4 * static_cast<ptrdiff_t>(i), cr, cg, cb, ca, _mm512_mul_pd(_mm512_mul_pd(c, kk), inv), luma,
-            _mm512_cmp_pd_mask(c, zero, _CMP_NEQ_OQ));
+            _mm512_cmp_pd_mask(c, zero, _CMP_NEQ_OQ), frame);
   }
 }
 
@@ -1326,7 +1330,7 @@ KVL_AVX512 void reblend_span_avx512(const uint8_t* band, uint8_t* row, int32_t n
     if (_mm256_testz_si256(b, _mm256_set1_epi32(static_cast<int32_t>(0xFF000000u)))) continue;
     const __m512d a = w_alpha(b);
     w_blend(row + 4 * static_cast<ptrdiff_t>(i), w_channel(b, 0), w_channel(b, 8), w_channel(b, 16), a, aK, luma,
-            _mm512_cmp_pd_mask(a, zero, _CMP_NEQ_OQ));
+            _mm512_cmp_pd_mask(a, zero, _CMP_NEQ_OQ), true);
   }
 }
 
@@ -1614,7 +1618,7 @@ void raster_fx(const kvl_prep* p, const kvl_fx& fx, const canvas& cv, int32_t y0
     uint8_t* row = cv.row(y) + 4 * (static_cast<ptrdiff_t>(fx.x) + ca);
 #if KVL_X86
     if (wide) {
-      fx_span_avx512(col, luma, k, cov, cb - ca, row);
+      fx_span_avx512(col, luma, k, cov, cb - ca, row, cv.opaque);
       continue;
     }
     if (simd) {
@@ -1754,6 +1758,7 @@ void restore(const hidden& h, const canvas& cv, int32_t op, int64_t x0, int64_t 
 void draw_layer(const kvl_prep* p, const canvas& cv, int32_t y0, int32_t y1, double opacity, bool luma, bool simd,
                 bool wide, const hidden* h = nullptr, int32_t index = 0) {
   shade s = make_shade(p, opacity, luma, simd, wide);
+  s.frame = cv.opaque;
   if (h) {
     hook(&s, h);
     s.op = h->first[index];
@@ -1844,7 +1849,7 @@ void draw_in_chunk(const kvl_job* job, const canvas& frame, const hidden* h, int
     *band = static_cast<uint8_t*>(malloc(static_cast<size_t>(kChunkRows) * static_cast<size_t>(job->stride)));
     if (!*band) return;
   }
-  const canvas priv = {*band, job->stride, y0, job->width};
+  const canvas priv = {*band, job->stride, y0, job->width, false};
   for (int32_t y = r.y0; y < r.y1; y++)
     memset(priv.row(y) + 4 * static_cast<ptrdiff_t>(r.x0), 0, 4 * static_cast<size_t>(r.x1 - r.x0));
   draw_layer(p, priv, r.y0, r.y1, 1.0, false, job->simd, job->wide);
@@ -1869,7 +1874,8 @@ void draw_in_chunk(const kvl_job* job, const canvas& frame, const hidden* h, int
 // first; chunks keep the hidden-pixel maps and the private buffer small.
 void run_job(kvl_job* job) {
   if (job->y0 >= job->y1) return;
-  const canvas frame = {job->pixels + static_cast<ptrdiff_t>(job->y0) * job->stride, job->stride, job->y0, job->width};
+  const canvas frame = {job->pixels + static_cast<ptrdiff_t>(job->y0) * job->stride, job->stride, job->y0, job->width,
+                        true};
   hidden h;
   hidden_plan(&h, job->layers, job->count, job->width);
   uint8_t* band = nullptr;
