@@ -292,6 +292,34 @@ TEST(Render, InnerMeshEdgesLeaveNoSeam) {
   for (int x = 0; x < 20; x++) EXPECT_EQ(f.at(x, 3)[0], 255) << x;
 }
 
+// Hidden-pixel steps are numbered in 16 bits: a layer with more steps than
+// are left draws everything, and the layers after it still hide what they
+// cover. Stacked half-covering cells make the order of the steps visible.
+TEST(Render, LayersPastTheStepNumbersStillDrawInOrder) {
+  SceneBuilder b(9, 5);
+  kvl_prep under = b.base(0xFF336699), many = b.base(0xFF00FF00), top = b.base(0xFFFF0000);
+  const double whole[8] = {0, 0, 9, 0, 9, 5, 0, 5}, left[8] = {0, 0, 4.5, 0, 4.5, 5, 0, 5};
+  b.set_cells(&under, {b.cell(whole)});
+  std::vector<kvl_cell> cells(70000, b.cell(whole));
+  cells.back() = b.cell(left);  // the last of them is on top
+  for (kvl_cell& c : cells) c.inv.m[2] += 1;  // distinct cells, same colour
+  b.set_cells(&many, cells);
+  b.set_cells(&top, {b.cell(left)});
+  top.opacity = 1;
+  for (const kvl_prep& p : {under, many, top}) b.layers.push_back(p);
+  const Frame ref = reference(b, 9 * 4);
+  int64_t settled = 0;
+  for (bool simd : {false, true}) {
+    if (simd && !embedded::simd_available()) continue;
+    EXPECT_EQ(first_difference(ref, compositor(b, 9 * 4, 1, simd, true, &settled)), "");
+    // Only the last layer's left part settles, less the pixels within 0.75
+    // of its outer edges (left to the drawing): columns 1-3 of rows 1-3.
+    EXPECT_EQ(settled, 3 * 3);
+  }
+  EXPECT_EQ(ref.at(0, 0)[0], 255);
+  EXPECT_EQ(ref.at(8, 0)[1], 255);
+}
+
 TEST(Render, HalfOpaqueLayerDoesNotShowItsShadowThroughTheBody) {
   SceneBuilder b = one_quad(40, 40, 0xFFFF0000, {10, 10, 30, 10, 30, 30, 10, 30});
   kvl_prep& p = b.layers[0];
