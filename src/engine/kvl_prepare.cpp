@@ -279,6 +279,22 @@ bool cell_road(kvl_prep* p, const kvl_resolved* r, int32_t width, int32_t height
 // ---------------------------------------------------------------------------
 // Polygon road
 
+// Scales n normalised points to pixels in place and returns their bounds.
+void to_pixels(double* pts, int32_t n, int32_t width, int32_t height, double* minx, double* maxx, double* miny,
+               double* maxy) {
+  *minx = *miny = INFINITY;
+  *maxx = *maxy = -INFINITY;
+  for (int32_t i = 0; i < n; i++) {
+    const double x = pts[2 * i] * width, y = pts[2 * i + 1] * height;
+    pts[2 * i] = x;
+    pts[2 * i + 1] = y;
+    *minx = x < *minx ? x : *minx;
+    *maxx = x > *maxx ? x : *maxx;
+    *miny = y < *miny ? y : *miny;
+    *maxy = y > *maxy ? y : *maxy;
+  }
+}
+
 bool polygon_road(kvl_prep* p, const kvl_resolved* r, int32_t width, int32_t height, kvl_cache* cache) {
   double* pts = nullptr;
   const int32_t n = flatten_resolved(r, &pts);
@@ -286,16 +302,8 @@ bool polygon_road(kvl_prep* p, const kvl_resolved* r, int32_t width, int32_t hei
     free(pts);
     return false;
   }
-  double minx = INFINITY, maxx = -INFINITY, miny = INFINITY, maxy = -INFINITY;
-  for (int32_t i = 0; i < n; i++) {
-    const double x = pts[2 * i] * width, y = pts[2 * i + 1] * height;
-    pts[2 * i] = x;
-    pts[2 * i + 1] = y;
-    minx = x < minx ? x : minx;
-    maxx = x > maxx ? x : maxx;
-    miny = y < miny ? y : miny;
-    maxy = y > maxy ? y : maxy;
-  }
+  double minx, maxx, miny, maxy;
+  to_pixels(pts, n, width, height, &minx, &maxx, &miny, &maxy);
   // An outline with a point that is not a finite number of pixels has no
   // extent to fit the surface to.
   if (!all_finite(pts, n) || !(maxx > minx && maxy > miny)) {
@@ -536,16 +544,8 @@ void effects(kvl_prep* p, const kvl_resolved* r, int32_t width, int32_t height, 
     free(pts);
     return;
   }
-  double minx = INFINITY, maxx = -INFINITY, miny = INFINITY, maxy = -INFINITY;
-  for (int32_t i = 0; i < n; i++) {
-    const double x = pts[2 * i] * width, y = pts[2 * i + 1] * height;
-    pts[2 * i] = x;
-    pts[2 * i + 1] = y;
-    minx = x < minx ? x : minx;
-    maxx = x > maxx ? x : maxx;
-    miny = y < miny ? y : miny;
-    maxy = y > maxy ? y : maxy;
-  }
+  double minx, maxx, miny, maxy;
+  to_pixels(pts, n, width, height, &minx, &maxx, &miny, &maxy);
   if (!all_finite(pts, n)) {
     free(pts);
     return;
