@@ -3,7 +3,6 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <string>
 
 #include "commands.h"
@@ -39,18 +38,13 @@ int cmd_thumbnail(int argc, char** argv) {
         return fail("thumbnail: --width wants a whole number from 0 to 16384, got '%s'", argv[i]);
     } else if ((a == "-o" || a == "--out") && has_value) {
       out_path = argv[++i];
-    } else if (a[0] == '-' && a.size() > 1) {
-      return fail("thumbnail: unknown option or missing value: '%s' (see kavlen thumbnail --help)", a.c_str());
-    } else if (media.empty()) {
-      media = a;
-    } else {
-      return fail("thumbnail: more than one media file given ('%s')", a.c_str());
+    } else if (int rc = media_argument("thumbnail", a, media)) {
+      return rc;
     }
   }
   if (media.empty()) return fail("thumbnail: no media file given");
   if (out_path.empty()) return fail("thumbnail: no output file given (-o OUT.jpg)");
-  std::error_code ec;
-  if (!std::filesystem::is_regular_file(media, ec)) return fail("thumbnail: no such file: %s", media.c_str());
+  if (int rc = media_file_ok("thumbnail", media)) return rc;
 
   auto picture = kavlen::thumbnail::thumbnail(media, static_cast<double>(width));
   if (!picture)

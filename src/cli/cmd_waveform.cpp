@@ -5,7 +5,6 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -92,17 +91,11 @@ int cmd_waveform(int argc, char** argv) {
       pcm_out = argv[++i];
     } else if (a == "--png" && has_value) {
       png_out = argv[++i];
-    } else if (a[0] == '-' && a.size() > 1) {
-      return fail("waveform: unknown option or missing value: '%s' (see kavlen waveform --help)", a.c_str());
-    } else if (media.empty()) {
-      media = a;
-    } else {
-      return fail("waveform: more than one media file given ('%s')", a.c_str());
+    } else if (int rc = media_argument("waveform", a, media)) {
+      return rc;
     }
   }
-  if (media.empty()) return fail("waveform: no media file given");
-  std::error_code ec;
-  if (!std::filesystem::is_regular_file(media, ec)) return fail("waveform: no such file: %s", media.c_str());
+  if (int rc = media_file_ok("waveform", media)) return rc;
 
   auto peaks = kavlen::waveform::peaks(media, count);
   if (!peaks) return fail("waveform: no audio could be decoded from %s (not a media file, or no audio track)", media.c_str());

@@ -13,3 +13,10 @@ int fail(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 // Reads a whole file into text; false with a message in `error` on failure.
 #include <string>
 bool read_text_file(const std::string& path, std::string& out, std::string& error);
+
+// The media commands (waveform, thumbnail) take one media file among their
+// options. media_argument() handles an argument that is no known option: an
+// unknown option, the media file, or a second one; media_file_ok() checks the
+// file is there. Both return 0 or the exit code of the failure they printed.
+int media_argument(const char* command, const std::string& arg, std::string& media);
+int media_file_ok(const char* command, const std::string& media);

@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -17,6 +18,21 @@ int fail(const char* fmt, ...) {
   fputc('\n', stderr);
   va_end(ap);
   return 1;
+}
+
+int media_argument(const char* command, const std::string& arg, std::string& media) {
+  if (arg[0] == '-' && arg.size() > 1)
+    return fail("%s: unknown option or missing value: '%s' (see kavlen %s --help)", command, arg.c_str(), command);
+  if (!media.empty()) return fail("%s: more than one media file given ('%s')", command, arg.c_str());
+  media = arg;
+  return 0;
+}
+
+int media_file_ok(const char* command, const std::string& media) {
+  if (media.empty()) return fail("%s: no media file given", command);
+  std::error_code ec;
+  if (!std::filesystem::is_regular_file(media, ec)) return fail("%s: no such file: %s", command, media.c_str());
+  return 0;
 }
 
 bool read_text_file(const std::string& path, std::string& out, std::string& error) {

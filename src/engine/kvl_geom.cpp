@@ -393,25 +393,21 @@ void kvl_raster_polygon(const double* points, int32_t n, uint8_t* mask, int32_t 
         if (p1 > touched_hi) touched_hi = p1;
         // End pixels are partly covered; every pixel strictly between them
         // lies wholly inside the span and gets the full four units.
-        const double lo0 = l > p0 ? l : (double)p0;
-        const double hi0 = r < p0 + 1.0 ? r : p0 + 1.0;
-        if (hi0 > lo0) {
-          const uint16_t u = quarter_units(hi0 - lo0);
-          diff[p0] = (uint16_t)(diff[p0] + u);
-          diff[p0 + 1] = (uint16_t)(diff[p0 + 1] - u);
-        }
+        auto end_pixel = [&](int px) {
+          const double lo = l > px ? l : (double)px;
+          const double hi = r < px + 1.0 ? r : px + 1.0;
+          if (!(hi > lo)) return;
+          const uint16_t u = quarter_units(hi - lo);
+          diff[px] = (uint16_t)(diff[px] + u);
+          diff[px + 1] = (uint16_t)(diff[px + 1] - u);
+        };
+        end_pixel(p0);
         if (p1 > p0) {
           if (p1 > p0 + 1) {
             diff[p0 + 1] = (uint16_t)(diff[p0 + 1] + 4);
             diff[p1] = (uint16_t)(diff[p1] - 4);
           }
-          const double lo1 = l > p1 ? l : (double)p1;
-          const double hi1 = r < p1 + 1.0 ? r : p1 + 1.0;
-          if (hi1 > lo1) {
-            const uint16_t u = quarter_units(hi1 - lo1);
-            diff[p1] = (uint16_t)(diff[p1] + u);
-            diff[p1 + 1] = (uint16_t)(diff[p1 + 1] - u);
-          }
+          end_pixel(p1);
         }
       }
     }
