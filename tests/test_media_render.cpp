@@ -7,6 +7,7 @@
 
 #include "image_file.h"
 #include "kavlen/kavlen.h"
+#include "media_key.h"
 #include "media_samples.h"
 #include "video_layers.h"
 
@@ -88,4 +89,17 @@ TEST(VideoLayers, KavlenRenderDrawsVideoLayers) {
     EXPECT_EQ(dominant(im.rgba.data(), im.width, 16, 18), left) << ms << " ms";
     EXPECT_EQ(dominant(im.rgba.data(), im.width, 48, 18), right) << ms << " ms";
   }
+}
+
+// Both output paths find files by this one rule; a key never escapes the
+// root, and "assets/" keys come from the bundle folder.
+TEST(MediaKeys, KeysLieUnderTheRootOrTheBundle) {
+  setenv("KAVLEN_ASSETS", "/opt/kv/assets-dir/", 1);
+  const struct { const char *key, *root, *want; } cases[] = {
+      {"a/b.png", "/show", "/show/a/b.png"},     {"/abs/b.png", "/show/", "/show/abs/b.png"},
+      {"b.png", "", "b.png"},                    {"/abs/b.png", "", "/abs/b.png"},
+      {"b.png", "/", "/b.png"},                  {"assets/x.png", "/show", "/opt/kv/assets-dir/assets/x.png"},
+      {"assetsx.png", "/show", "/show/assetsx.png"}};
+  for (const auto& c : cases) EXPECT_EQ(kavlen::media::key_path(c.key, c.root), c.want) << c.key << " in " << c.root;
+  unsetenv("KAVLEN_ASSETS");
 }

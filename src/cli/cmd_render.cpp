@@ -1,6 +1,5 @@
 // kavlen render: one frame of a scene to a PNG, on the CPU compositor or, with
 // --gpu, through the output renderer on an offscreen GL context.
-#include <unistd.h>
 
 #include <cerrno>
 #include <cmath>
@@ -12,6 +11,7 @@
 
 #include "commands.h"
 #include "kavlen/kavlen.h"
+#include "media_key.h"
 #include "render_job.h"
 #include "video_layers.h"
 
@@ -52,23 +52,6 @@ bool parse_number(const char* text, double& out) {
   return end && end != text && !*end && errno == 0 && std::isfinite(out);
 }
 
-// Folder that keys beginning with "assets/" are read from: KAVLEN_ASSETS, or
-// data/flutter_assets beside the executable.
-std::string assets_folder() {
-  if (const char* env = getenv("KAVLEN_ASSETS"); env && *env) return env;
-  char exe[4096];
-  ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-  if (n <= 0) return "data/flutter_assets";
-  exe[n] = '\0';
-  return folder_of(exe) + "/data/flutter_assets";
-}
-
-std::string media_path(const std::string& key, const std::string& root) {
-  if (!key.empty() && key[0] == '/') return key;
-  if (key.rfind("assets/", 0) == 0) return assets_folder() + "/" + key;
-  return root + "/" + key;
-}
-
 // Collects the distinct image keys of the layers (and their clips) that this
 // output shows.
 std::vector<std::string> image_keys(const kvl_scene* scene, const std::string& output_id) {
@@ -105,7 +88,7 @@ int render_with_cpu(const RenderJob& job) {
   // Video layers: the frame of each one's media time at this moment.
   std::vector<std::string> video_warnings;
   kavlen::feedVideoLayers(
-      engine, job.scene_text, time_us, [&](const std::string& key) { return media_path(key, job.media_root); },
+      engine, job.scene_text, time_us, [&](const std::string& key) { return kavlen::media::key_path(key, job.media_root); },
       video_warnings);
   for (const std::string& w : video_warnings)
     fprintf(stderr, "kavlen: warning: %s (the layer shows dark grey)\n", w.c_str());
@@ -202,7 +185,7 @@ int cmd_render(int argc, char** argv) {
     RenderSource src;
     src.key = key;
     std::string error;
-    if (ImageFile::load(media_path(key, job.media_root), src.image, error))
+    if (ImageFile::load(kavlen::media::key_path(key, job.media_root), src.image, error))
       job.sources.push_back(std::move(src));
     else
       fprintf(stderr, "kavlen: warning: %s (the layer shows dark grey)\n", error.c_str());

@@ -2,7 +2,6 @@
 // the draw list, the test chart; and the media pass that tells the engine
 // the size of each new source.
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -11,6 +10,7 @@
 
 #include "gl_output_renderer.h"
 #include "gl_video_source.h"
+#include "media_key.h"
 #include "test_pattern.h"
 
 namespace {
@@ -25,35 +25,10 @@ bool fileExists(const std::string& path) {
   return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
-std::string assetsFolder() {
-  if (const char* env = getenv("KAVLEN_ASSETS"); env && *env) return env;
-  char exe[4096];
-  ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-  if (n <= 0) return "data/flutter_assets";
-  exe[n] = '\0';
-  std::string dir(exe);
-  size_t slash = dir.find_last_of('/');
-  dir = slash == std::string::npos ? "." : dir.substr(0, slash);
-  return dir + "/data/flutter_assets";
-}
-
-// Joins a folder and a relative path with exactly one slash between them.
-std::string joinPath(std::string folder, std::string_view rest) {
-  while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
-  while (!rest.empty() && rest.front() == '/') rest.remove_prefix(1);
-  if (folder.empty()) return std::string(rest);
-  if (folder != "/") folder += '/';
-  folder += rest;
-  return folder;
-}
-
 }  // namespace
 
 std::string GlOutputRenderer::resolve(std::string_view key) const {
-  if (startsWith(key, "assets/")) return joinPath(assetsFolder(), key);
-  std::string root = currentMediaRoot();
-  if (root.empty()) return std::string(key);
-  return joinPath(root, key);
+  return kavlen::media::key_path(key, currentMediaRoot());
 }
 
 bool GlOutputRenderer::makeTexture(GLenum internal, GLenum format, int32_t w, int32_t h, const void* data,
