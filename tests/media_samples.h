@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/wait.h>
 
 #include <filesystem>
 #include <fstream>
@@ -103,6 +104,33 @@ inline std::string corruptedCopy(const std::string& src, double fraction, size_t
   }
   writeBytes(pathOf(name), bytes);
   return pathOf(name);
+}
+
+inline std::string readText(const std::string& path) {
+  std::vector<uint8_t> bytes = readBytes(path);
+  return std::string(bytes.begin(), bytes.end());
+}
+
+inline std::string q(const std::string& path) { return "'" + path + "'"; }
+
+struct CliRun {
+  int code = -1;
+  std::string out, err;
+};
+
+// Runs `kavlen args` (paths quoted by the caller) with `env` settings before it.
+inline CliRun kavlen(const std::string& args, const std::string& env = "") {
+  const std::string out = pathOf("cli.stdout"), err = pathOf("cli.stderr");
+  int status = system((env + " timeout 120 " + q(KAVLEN_EXE) + " " + args + " >" + q(out) + " 2>" + q(err)).c_str());
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readText(out), readText(err)};
+}
+
+// An empty folder of its own for the running test.
+inline std::string testFolder() {
+  std::string path = pathOf(::testing::UnitTest::GetInstance()->current_test_info()->name());
+  std::filesystem::remove_all(path);
+  std::filesystem::create_directories(path);
+  return path;
 }
 
 inline std::string textFile(const std::string& name, const std::string& text) {

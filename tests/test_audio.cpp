@@ -52,12 +52,12 @@ std::vector<float> sine(double freq, double amp, int sr, double seconds) {
 
 // Swept kick on every beat, noise hi-hat on every off-beat, quiet pad under.
 Loop drum_loop(double bpm, int sr, double seconds, uint32_t seed = 7) {
-  Loop loop{sine(220, 0.03, sr, seconds), {}};
+  Loop loop{std::vector<float>((size_t)(seconds * sr)), {}};
   const size_t n = loop.samples.size();
   const double beat = 60.0 / bpm, kick_len = std::min(0.3, 0.9 * beat);
   std::mt19937 rng(seed);
   std::uniform_real_distribution<float> noise(-1.0f, 1.0f);
-  for (double f : {277.18, 329.63})
+  for (double f : {220.0, 277.18, 329.63})
     for (size_t i = 0; i < n; i++) loop.samples[i] += (float)(0.03 * std::sin(2 * kPi * f * (double)i / sr));
   for (double t0 = 0.037; t0 + kick_len < seconds; t0 += beat) {  // off the block grid
     loop.kicks.push_back(t0);
@@ -181,21 +181,12 @@ TEST(AudioAnalyser, TransformMatchesDirectDftAndChunkingDoesNotMatter) {
   kvl_audio_destroy(nullptr);
 }
 
-TEST(AudioAnalyser, SteadySineGivesNoBeatsAndSilenceIsGated) {
-  for (double f : {50.0, 100.0, 440.0, 3000.0}) {
+TEST(AudioAnalyser, SteadySineGivesNoBeatsAndTheGateHolds) {
+  for (double f : {50.0, 440.0, 3000.0}) {
     Analyser an(44100);
     an.feed(sine(f, 0.7, 44100, 20));
     EXPECT_EQ(an.state().beat_count, 0u) << f << " Hz";
   }
-  Analyser an(44100);
-  an.feed(drum_loop(120, 44100, 10).samples);
-  const kvl_audio_state before = an.state();
-  ASSERT_NEAR(before.bpm, 120, 2.4);
-  an.feed(std::vector<float>(0.2 * 44100, 0.0f));  // silence keeps tempo and count
-  const kvl_audio_state s = an.state();
-  EXPECT_EQ(s.level + s.bass + s.mid + s.high + s.beat, 0.0f);
-  EXPECT_TRUE(s.bpm == before.bpm && s.beat_count == before.beat_count);
-  EXPECT_EQ(an.a->bass_count, 0);
   // The gate sits at -62 dB (mean square): bass history fills just above it, not just below.
   for (double db : {-61.0, -63.0}) {
     Analyser g(51200);
@@ -204,16 +195,30 @@ TEST(AudioAnalyser, SteadySineGivesNoBeatsAndSilenceIsGated) {
   }
 }
 
-TEST(AudioAnalyser, HostileInputStaysFiniteAndRecovers) {
+TEST(AudioAnalyser, HostileInputRecoversAndSilenceKeepsTheTempo) {
   std::vector<float> bad(4096);
   for (size_t i = 0; i < bad.size(); i++) bad[i] = i % 3 == 0 ? NAN : (i % 3 == 1 ? INFINITY : -INFINITY);
-  Analyser an(48000);
-  an.feed(bad);
-  EXPECT_TRUE(in_range(an.state()));  // and then recovers
-  const BeatLog r = run_blocks(an, drum_loop(120, 48000, 12).samples, 48000);
-  EXPECT_TRUE(in_range(an.state()));
-  EXPECT_GT(r.beats.size(), 15u);
-  EXPECT_NEAR(an.state().bpm, 120, 2.4);
+  // Within the folding range of 80..180 the reading is the true tempo.
+  for (double bpm : {90.0, 120.0, 128.0, 174.0}) {
+    SCOPED_TRACE(std::to_string((int)bpm) + " bpm");
+    Analyser an(48000);
+    an.feed(bad);
+    EXPECT_TRUE(in_range(an.state()));  // and then recovers
+    // Beats line up with the kicks (not the hi-hats) both ways, tempo true after 5 s.
+    const Loop loop = drum_loop(bpm, 48000, 16);
+    const BeatLog r = run_blocks(an, loop.samples, 48000);
+    const kvl_audio_state before = an.state();
+    EXPECT_TRUE(in_range(before));
+    EXPECT_NEAR(before.bpm, bpm, bpm * 0.02);
+    for (size_t i = 0; i < r.beats.size(); i++)
+      EXPECT_TRUE(r.beats[i] <= 5.0 || std::fabs(r.bpm_at_beat[i] - bpm) <= bpm * 0.02) << "beat at " << r.beats[i];
+    EXPECT_GE(matched_share(r.beats, loop.kicks, 0.070, 3.0, 15.5), 0.9);
+    EXPECT_GE(matched_share(loop.kicks, r.beats, 0.070, 3.0, 15.5), 0.9);
+    an.feed(std::vector<float>(0.2 * 48000, 0.0f));  // silence keeps tempo and count
+    const kvl_audio_state s = an.state();
+    EXPECT_EQ(s.level + s.bass + s.mid + s.high + s.beat, 0.0f);
+    EXPECT_TRUE(s.bpm == before.bpm && s.beat_count == before.beat_count && an.a->bass_count == 0);
+  }
   // Rates from 1 Hz to the largest int: empty bands, huge or tiny blocks.
   const std::vector<float> noise = sine(1234.5, 0.5, 48000, 0.4);
   for (int32_t sr : {-5, 0, 1, 100, 8000, 192000, 2147483647}) {
@@ -223,27 +228,9 @@ TEST(AudioAnalyser, HostileInputStaysFiniteAndRecovers) {
   }
 }
 
-TEST(AudioAnalyser, DrumLoopTempoAndBeatsMatchTheKicks) {
-  const double seconds = 24;
-  for (double bpm : {90.0, 120.0, 128.0, 174.0}) {
-    SCOPED_TRACE(std::to_string((int)bpm) + " bpm");
-    const Loop loop = drum_loop(bpm, 44100, seconds);
-    Analyser an(44100);
-    const BeatLog r = run_blocks(an, loop.samples, 44100);
-    // Inside the folding range of 80..180 the reading is the true tempo.
-    EXPECT_NEAR(an.state().bpm, bpm, bpm * 0.02);
-    for (size_t i = 0; i < r.beats.size(); i++)
-      EXPECT_TRUE(r.beats[i] <= 5.0 || std::fabs(r.bpm_at_beat[i] - bpm) <= bpm * 0.02) << "beat at " << r.beats[i];
-    ASSERT_GT(loop.kicks.size(), 30u);
-    EXPECT_GE(matched_share(r.beats, loop.kicks, 0.070, 3.0, seconds - 0.5), 0.9);
-    EXPECT_GE(matched_share(loop.kicks, r.beats, 0.070, 3.0, seconds - 0.5), 0.9);
-  }
-}
-
 TEST(AudioAnalyser, PulseTrainTempoFoldsAndRefractoryTime) {
   struct Case { double period, bpm, beat_interval; };
-  const Case cases[] = {{0.5, 120, 0.5},    // plain
-                        {0.3, 100, 0.3},    // 200 folds to 100
+  const Case cases[] = {{0.3, 100, 0.3},    // 200 folds to 100
                         {0.25, 120, 0.5},   // every second pulse refractory
                         {1.2, 100, 1.2}};   // 50 folds to 100
   const int sr = 51200;  // 10 ms blocks: intervals are exact
@@ -253,9 +240,10 @@ TEST(AudioAnalyser, PulseTrainTempoFoldsAndRefractoryTime) {
     Analyser an(sr);
     const BeatLog r = run_blocks(an, loop.samples, sr);
     ASSERT_GE(r.beats.size(), 6u);
-    for (size_t i = 0; i < 4; i++) EXPECT_EQ(r.bpm_at_beat[i], 0.0f) << i;  // no tempo before 4 intervals
-    for (size_t i = 4; i < r.beats.size(); i++) EXPECT_NEAR(r.bpm_at_beat[i], c.bpm, 0.05) << i;
-    for (size_t i = 1; i < r.beats.size(); i++) EXPECT_NEAR(r.beats[i] - r.beats[i - 1], c.beat_interval, 1e-6) << i;
+    for (size_t i = 0; i < r.beats.size(); i++) {  // no tempo before 4 intervals
+      EXPECT_NEAR(r.bpm_at_beat[i], i < 4 ? 0.0 : c.bpm, i < 4 ? 0.0 : 0.05) << i;
+      EXPECT_TRUE(i == 0 || std::fabs(r.beats[i] - r.beats[i - 1] - c.beat_interval) < 1e-6) << i;
+    }
     EXPECT_EQ(matched_share(r.beats, loop.kicks, 0.0201), 1.0);
     EXPECT_NEAR((double)r.beats.size(), std::floor((14 - 0.2833) / c.beat_interval) + 1, 1.0);
   }

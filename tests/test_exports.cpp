@@ -27,8 +27,7 @@ TEST(Exports, InterfaceNamesResolveWithCLinkage) {
   void* so = dlopen(KAVLEN_ENGINE_SO, RTLD_NOW | RTLD_LOCAL);
   ASSERT_NE(so, nullptr) << dlerror();
   for (const char* name : kInterface) EXPECT_NE(dlsym(so, name), nullptr) << name;
-  using version_fn = const char* (*)();
-  auto version = reinterpret_cast<version_fn>(dlsym(so, "kvl_version"));
+  auto version = reinterpret_cast<const char* (*)()>(dlsym(so, "kvl_version"));
   ASSERT_NE(version, nullptr);
   EXPECT_STREQ(version(), "0.1.0");
   dlclose(so);
@@ -43,8 +42,7 @@ TEST(Exports, OnlyKvlNamesAreExported) {
   int count = 0;
   while (fgets(line, sizeof line, p)) {
     char addr[64], type[8], name[400];
-    if (sscanf(line, "%63s %7s %399s", addr, type, name) != 3) continue;
-    if (strchr("TDBRW", type[0]) == nullptr) continue;
+    if (sscanf(line, "%63s %7s %399s", addr, type, name) != 3 || !strchr("TDBRW", type[0])) continue;
     if (!strcmp(name, "_init") || !strcmp(name, "_fini")) continue;
     EXPECT_EQ(strncmp(name, "kvl_", 4), 0) << "unexpected export " << name;
     count++;

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstring>
@@ -23,13 +24,6 @@ std::string toneFile(const std::string& name, const std::string& expr, int rate,
                                    ":d=" + std::to_string(seconds) + "\" -c:a " + codec);
 }
 
-std::vector<float> readFloats(const std::string& path) {
-  std::vector<uint8_t> bytes = mediatest::readBytes(path);
-  std::vector<float> out(bytes.size() / 4);
-  memcpy(out.data(), bytes.data(), out.size() * 4);
-  return out;
-}
-
 }  // namespace
 
 TEST(AudioDecode, FoldsChannelsResamplesAndReportsProgress) {
@@ -43,9 +37,7 @@ TEST(AudioDecode, FoldsChannelsResamplesAndReportsProgress) {
     ASSERT_NEAR(samples[i], 0.4 * std::sin(2 * M_PI * 100 * (i / 48000.0)), 1e-5) << i;
   ASSERT_TRUE(kavlen::decodeAudioMono(stereo, 22050, samples, error)) << error;
   EXPECT_NEAR(double(samples.size()), 22050, 64);
-  float peak = 0;
-  for (float s : samples) peak = std::max(peak, std::fabs(s));
-  EXPECT_NEAR(peak, 0.4f, 0.005f);
+  EXPECT_NEAR(*std::max_element(samples.begin(), samples.end()), 0.4f, 0.005f);
 
   std::string tone = toneFile("half.wav", "0.5*sin(2*PI*440*t)", 44100, 2);
   kavlen::AudioDecodeInfo info;
@@ -57,10 +49,8 @@ TEST(AudioDecode, FoldsChannelsResamplesAndReportsProgress) {
     return ++chunks > 0;
   };
   ASSERT_TRUE(kavlen::decodeAudioMono(tone, 44100, progress, error, info)) << error;
+  EXPECT_TRUE(info.complete && info.samples == 88200u && chunks > 1) << info.samples << " in " << chunks;
   EXPECT_NEAR(info.duration, 2.0, 1e-3);
-  EXPECT_TRUE(info.complete);
-  EXPECT_EQ(info.samples, 88200u);
-  EXPECT_GT(chunks, 1u);
   EXPECT_NEAR(lastProgress, 1.0, 1e-3);
   EXPECT_FALSE(kavlen::decodeAudioMono(tone, 44100, [](const float*, size_t, double) { return false; }, error, info));
   EXPECT_EQ(error, "cancelled");
@@ -70,8 +60,7 @@ TEST(AudioDecode, BadInputFailsWithOneLineAndNeverHangs) {
   std::vector<float> samples;
   std::string error;
   EXPECT_FALSE(kavlen::decodeAudioMono(mediatest::pathOf("nothing.wav"), 44100, samples, error));
-  EXPECT_NE(error.find("nothing.wav"), std::string::npos);
-  EXPECT_EQ(error.find('\n'), std::string::npos);
+  EXPECT_TRUE(error.find("nothing.wav") != std::string::npos && error.find('\n') == std::string::npos) << error;
   EXPECT_FALSE(kavlen::decodeAudioMono(mediatest::textFile("words.mp3", "just words"), 44100, samples, error));
   std::string silentVideo = mediatest::indexedVideo(25, 1, false);
   EXPECT_FALSE(kavlen::decodeAudioMono(silentVideo, 0, samples, error));
@@ -97,19 +86,11 @@ TEST(AudioDecode, BadInputFailsWithOneLineAndNeverHangs) {
 }
 
 TEST(WaveformPeaks, CountAndBucketRules) {
-  EXPECT_EQ(wf::kDefaultPeakCount, 1000);
   for (auto [asked, got] : {std::pair<int64_t, int>{0, 16}, {-7, 16}, {16, 16}, {1000, 1000}, {100000, 4000}})
     EXPECT_EQ(wf::clampPeakCount(asked), got) << asked;
   EXPECT_EQ(wf::samplesPerBucket(10, 1000), 220);  // 220500 / 1000
-  EXPECT_EQ(wf::samplesPerBucket(1, 16), 1378);
   for (double bad : {0.001, 0.0, double(NAN), double(INFINITY), -3.0}) EXPECT_EQ(wf::samplesPerBucket(bad, 1000), 1);
 
-  std::string tone = toneFile("quiet.wav", "0.1*sin(2*PI*300*t)", 22050, 1);
-  for (auto [asked, got] : {std::pair<int64_t, size_t>{5, 16}, {100000, 4000}, {1000, 1000}}) {
-    auto p = wf::peaks(tone, asked);
-    ASSERT_TRUE(p.has_value());
-    EXPECT_EQ(p->peaks.size(), got) << "asked " << asked;
-  }
   // 100 samples in 1000 buckets: one each, the rest 0.
   auto tiny = wf::peaks(mediatest::make("tiny.wav", "-f lavfi -i \"aevalsrc=exprs='0.5':s=22050\" "
                                                     "-af atrim=end_sample=100 -c:a pcm_f32le"),
@@ -117,6 +98,7 @@ TEST(WaveformPeaks, CountAndBucketRules) {
   ASSERT_TRUE(tiny.has_value());
   ASSERT_EQ(tiny->peaks.size(), 1000u);
   for (int i = 0; i < 1000; i++) ASSERT_FLOAT_EQ(tiny->peaks[i], i < 100 ? 0.5 : 0.0) << i;
+  EXPECT_EQ(wf::peaks(mediatest::pathOf("tiny.wav"), 100000).value().peaks.size(), 4000u);  // clamped there too
 }
 
 TEST(WaveformPeaks, EachBucketHoldsThePeakOfItsSliceCappedAtOne) {
@@ -129,10 +111,6 @@ TEST(WaveformPeaks, EachBucketHoldsThePeakOfItsSliceCappedAtOne) {
   ASSERT_TRUE(p.has_value());
   for (double v : p->peaks) EXPECT_EQ(v, 1.0);
 
-  p = wf::peaks(mediatest::indexedVideo(30, 2, true), 100);
-  ASSERT_TRUE(p.has_value());
-  EXPECT_NEAR(p->duration, 2.0, 0.05);
-  EXPECT_GT(p->peaks[50], 0.05);
   for (std::string bad : {mediatest::indexedVideo(30, 2, false), mediatest::textFile("fake.m4a", "nope"),
                           mediatest::pathOf("absent.m4a")})
     EXPECT_FALSE(wf::peaks(bad, 100).has_value()) << bad;
@@ -143,12 +121,13 @@ TEST(WaveformPcm, WritesEveryFrameAt44100AndRefusesBadInput) {
   std::string out = mediatest::pathOf("pcm_out.f32");
   mediatest::writeBytes(out, std::vector<uint8_t>(1 << 20, 0x7f));  // a longer file is replaced
   EXPECT_EQ(wf::pcm(tone, out), std::optional<int>(44100));
-  std::vector<float> samples = readFloats(out);
-  ASSERT_EQ(samples.size(), 66150u);
-  for (size_t i = 0; i < samples.size(); i += 997)
-    ASSERT_NEAR(samples[i], 0.5 * std::sin(2 * M_PI * 440 * (i / 44100.0)), 1e-4) << i;
-  ASSERT_TRUE(wf::pcm(toneFile("pcm_low.wav", "0.5*sin(2*PI*440*t)", 22050, 1), out).has_value());
-  EXPECT_NEAR(double(readFloats(out).size()), 44100, 64);
+  std::vector<uint8_t> bytes = mediatest::readBytes(out);
+  ASSERT_EQ(bytes.size(), 66150u * 4);
+  for (size_t i = 0; i < 66150; i += 997) {
+    float s;
+    memcpy(&s, &bytes[i * 4], 4);
+    ASSERT_NEAR(s, 0.5 * std::sin(2 * M_PI * 440 * (i / 44100.0)), 1e-4) << i;
+  }
 
   std::string none = mediatest::pathOf("untouched.f32");
   EXPECT_FALSE(wf::pcm(mediatest::pathOf("absent.wav"), none).has_value());
@@ -163,8 +142,7 @@ TEST(WaveformPcm, WritesEveryFrameAt44100AndRefusesBadInput) {
   auto p = wf::peaks(cut, 60);
   ASSERT_TRUE(p.has_value());
   EXPECT_NEAR(p->duration, 6.0, 0.1);  // the header still tells the whole length
-  EXPECT_GT(p->peaks[5], 0.2);
-  EXPECT_EQ(p->peaks[59], 0.0);
+  EXPECT_TRUE(p->peaks[5] > 0.2 && p->peaks[59] == 0.0) << p->peaks[5] << " " << p->peaks[59];
   EXPECT_FALSE(wf::pcm(cut, mediatest::pathOf("cut.f32")).has_value());
   EXPECT_TRUE(wf::pcm(full, mediatest::pathOf("full.f32")).has_value());
 }

@@ -2,10 +2,8 @@
 // printed, the files written, and the one-line errors.
 #include <gtest/gtest.h>
 #include <stb_image.h>
-#include <sys/wait.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
 #include <sstream>
 
@@ -14,24 +12,9 @@
 
 namespace {
 
-struct CliRun {
-  int code = -1;
-  std::string out, err;
-};
-
-CliRun kavlen(const std::string& args) {
-  CliRun r;
-  std::string errPath = mediatest::pathOf("stderr.txt");
-  FILE* p = popen((std::string("timeout 120 ") + KAVLEN_EXE + " " + args + " 2>'" + errPath + "'").c_str(), "r");
-  if (!p) return r;
-  char buf[4096];
-  for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) r.out.append(buf, n);
-  int status = pclose(p);
-  r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  std::vector<uint8_t> err = mediatest::readBytes(errPath);
-  r.err.assign(err.begin(), err.end());
-  return r;
-}
+using mediatest::CliRun;
+using mediatest::kavlen;
+using mediatest::q;
 
 // The numbers of the printed JSON's "peaks" list.
 std::vector<double> peaksOf(const std::string& json) {
@@ -43,7 +26,10 @@ std::vector<double> peaksOf(const std::string& json) {
   return values;
 }
 
-std::string q(const std::string& path) { return "'" + path + "'"; }
+// A failed run: exit 1, nothing on stdout, one line on stderr starting with `prefix`.
+bool refused(const CliRun& r, const std::string& prefix) {
+  return r.code == 1 && r.out.empty() && r.err.rfind(prefix, 0) == 0 && std::count(r.err.begin(), r.err.end(), '\n') == 1;
+}
 
 }  // namespace
 
@@ -61,32 +47,24 @@ TEST(CliWaveform, PrintsPeaksWritesPcmAndPictureAndFailsInOneLine) {
   EXPECT_NEAR(peaks[0], 0.25, 2e-3);
   EXPECT_NEAR(peaks[15], 0.75, 2e-3);
   EXPECT_EQ(std::filesystem::file_size(pcm), 88200u * 4);
-  EXPECT_FALSE(std::filesystem::exists(pcm + ".part"));
   ImageFile picture;
   std::string error;
   ASSERT_TRUE(ImageFile::load(png, picture, error)) << error;
   EXPECT_EQ(picture.width, 16);
   // A louder column reaches nearer the top.
   auto lit = [&](int x, int y) { return picture.rgba[(size_t(y) * picture.width + x) * 4 + 2] > 200; };
-  EXPECT_TRUE(lit(15, picture.height / 2 - 60));
-  EXPECT_FALSE(lit(0, picture.height / 2 - 60));
-  EXPECT_TRUE(lit(0, picture.height / 2 - 10));
+  EXPECT_TRUE(lit(15, picture.height / 2 - 60) && !lit(0, picture.height / 2 - 60) && lit(0, picture.height / 2 - 10));
   EXPECT_EQ(peaksOf(kavlen("waveform " + q(tone)).out).size(), 1000u);
 
   std::string none = mediatest::pathOf("never.f32");
   CliRun missing = kavlen("waveform " + q(mediatest::pathOf("gone.wav")) + " --pcm " + q(none));
-  EXPECT_EQ(missing.code, 1);
-  EXPECT_EQ(missing.err.rfind("kavlen: waveform: no such file", 0), 0u) << missing.err;
-  EXPECT_EQ(std::count(missing.err.begin(), missing.err.end(), '\n'), 1);
-  EXPECT_TRUE(missing.out.empty());
+  EXPECT_TRUE(refused(missing, "kavlen: waveform: no such file")) << missing.err;
   CliRun silent = kavlen("waveform " + q(mediatest::indexedVideo(30, 1, false)) + " --pcm " + q(none));
-  EXPECT_EQ(silent.code, 1);
-  EXPECT_NE(silent.err.find("no audio"), std::string::npos) << silent.err;
+  EXPECT_TRUE(refused(silent, "kavlen: waveform: ") && silent.err.find("no audio") != std::string::npos) << silent.err;
   // A cut-off file's pcm is refused and removed.
   std::string full = mediatest::make("cli_long.m4a", "-f lavfi -i \"anoisesrc=d=6:a=0.5\" -c:a aac -movflags +faststart");
   EXPECT_EQ(kavlen("waveform " + q(mediatest::truncatedCopy(full, 0.5, "cli_cut.m4a")) + " --pcm " + q(none)).code, 1);
-  EXPECT_FALSE(std::filesystem::exists(none));
-  EXPECT_FALSE(std::filesystem::exists(none + ".part"));
+  EXPECT_FALSE(std::filesystem::exists(none) || std::filesystem::exists(none + ".part"));
   EXPECT_EQ(kavlen("waveform " + q(full) + " --count many").code, 1);
   EXPECT_EQ(kavlen("waveform").code, 1);
 }
@@ -106,10 +84,8 @@ TEST(CliThumbnail, WritesAFittedUprightJpegAndFailsInOneLine) {
 
   std::string none = mediatest::pathOf("cli_none.jpg");
   CliRun audio = kavlen("thumbnail " + q(mediatest::make("cli_song.m4a", "-f lavfi -i sine=d=1 -c:a aac")) + " -o " + q(none));
-  EXPECT_EQ(audio.code, 1);
-  EXPECT_EQ(audio.err.rfind("kavlen: thumbnail: no picture", 0), 0u) << audio.err;
+  EXPECT_TRUE(refused(audio, "kavlen: thumbnail: no picture")) << audio.err;
   EXPECT_EQ(kavlen("thumbnail " + q(wide)).code, 1);  // no -o
   EXPECT_EQ(kavlen("thumbnail " + q(wide) + " --width -3 -o " + q(none)).code, 1);
-  EXPECT_FALSE(std::filesystem::exists(none));
-  EXPECT_FALSE(std::filesystem::exists(none + ".part"));
+  EXPECT_FALSE(std::filesystem::exists(none) || std::filesystem::exists(none + ".part"));
 }

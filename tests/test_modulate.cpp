@@ -58,8 +58,7 @@ TEST(LayerModulate, SetReplacesAddRidesOrderCountsAndLimits) {
   EXPECT_DOUBLE_EQ(m.r.content_x, 0.2);
   EXPECT_DOUBLE_EQ(m.r.opacity, 1.0);
   m.run({0.5, -1.0, -1.0});  // set alone replaces the keyframed 0.05; no envelope leaves opacity
-  EXPECT_DOUBLE_EQ(m.r.content_x, 0.0);
-  EXPECT_DOUBLE_EQ(m.r.opacity, 0.8);
+  EXPECT_TRUE(m.r.content_x == 0.0 && m.r.opacity == 0.8) << m.r.content_x << " " << m.r.opacity;
   m.run({7.0, 0.25, -1.0});  // envelopes above 1 count as 1
   EXPECT_DOUBLE_EQ(m.r.content_x, 0.15);
 
@@ -82,11 +81,9 @@ TEST(LayerModulate, VertexFormAndUnknownNames) {
     mods += (mods.empty() ? "" : ",") + std::string(R"({"id":")") + p[0] + R"(","source":"beat","prop":")" + p[0] +
             R"(","min":)" + p[1] + R"(,"max":)" + p[1] + p[2] + "}";
   Modulated m(mods);
-  ASSERT_NE(m.scene, nullptr);
-  ASSERT_EQ(m.scene->layers[0].modulation_count, 9);
+  ASSERT_TRUE(m.scene && m.scene->layers[0].modulation_count == 9);
   m.run(std::vector<double>(9, 1.0));
-  const std::vector<double> expect = {0.1, 0.2, 0.9, 0.7, 0.5, 0.8, 0.6, 0.8};
-  for (size_t i = 0; i < expect.size(); i++) EXPECT_DOUBLE_EQ(m.vertices[i], expect[i]) << "coordinate " << i;
+  EXPECT_EQ(m.vertices, std::vector<double>({0.1, 0.2, 0.9, 0.7, 0.5, 0.8, 0.6, 0.8}));
 }
 
 TEST(EngineSignals, CallerFedStepDrivesLiveEnvelopesAndTheRender) {
@@ -111,11 +108,9 @@ TEST(EngineSignals, CallerFedStepDrivesLiveEnvelopesAndTheRender) {
   // Both roads to a frame show the modulated opacity.
   ASSERT_EQ(kvl_engine_render(e.get(), 0, dim.data(), 32), 0);
   const size_t centre = (4 * 8 + 4) * 4;
-  EXPECT_EQ(full[centre], 255);
-  EXPECT_LT(dim[centre], 120);
+  EXPECT_TRUE(full[centre] == 255 && dim[centre] < 120) << int(full[centre]) << " then " << int(dim[centre]);
   const kvl_draw_list* list = kvl_engine_draw_list(e.get(), 0);
-  ASSERT_NE(list, nullptr);
-  ASSERT_GE(list->cmd_count, 1);
+  ASSERT_TRUE(list && list->cmd_count >= 1);
   EXPECT_FLOAT_EQ(list->cmds[0].opacity, 0.25f);
   kvl_engine_set_signals(e.get(), nullptr, 100.0);  // nothing happens
   EXPECT_NEAR(kvl_engine_envelope_at(e.get(), "hi", 0), hi, 1e-6);
@@ -178,10 +173,8 @@ TEST(FileEnvelope, SameValueAfterAnyJumpAsAfterPlaying) {
   auto at = [&](int64_t ms) { return kvl_engine_envelope_at(e.get(), "m", ms * 1000); };
   const double forward = at(2700);
   EXPECT_NEAR(forward, peak * std::exp(-(2700.0 - 2290.0) / 200.0), 1e-9);
-  EXPECT_GT(at(4000), -1.0);     // jump ahead...
+  EXPECT_EQ(at(4500), 0.0);      // jump ahead...
   EXPECT_EQ(at(2700), forward);  // ...and back
-  EXPECT_NEAR(at(2290), peak, 1e-9);
-  EXPECT_EQ(at(4500), 0.0);
 }
 
 TEST(FileEnvelope, LoadsBesideMediaAndRemembersFailuresUntilSceneChange) {

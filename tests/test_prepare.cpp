@@ -20,15 +20,14 @@ struct Prepared {
   kvl_resolved r{};
   kvl_prep p{};
   bool ok = false;
-  Prepared(const std::string& layer_json, int32_t w, int32_t h, kvl_cache* cache = nullptr,
-           const kvl_sources* sources = nullptr) {
+  Prepared(const std::string& layer_json, int32_t w, int32_t h, kvl_cache* cache = nullptr) {
     const std::string text = "{\"mappings\": [" + layer_json + "]}";
     scene = kvl_scene_parse(text.c_str(), nullptr, 0);
     EXPECT_NE(scene, nullptr) << text;
     if (!scene || scene->layer_count < 1) return;
     verts.assign(2 * (size_t)std::max(scene->layers[0].vertex_count, 1), 0.0);
     kvl_layer_resolve(scene, &scene->layers[0], verts.data(), &r, 0);
-    ok = kvl_prepare(&p, &r, sources, w, h, cache);
+    ok = kvl_prepare(&p, &r, nullptr, w, h, cache);
   }
   ~Prepared() {
     kvl_prep_free(&p);
@@ -59,7 +58,7 @@ size_t lit(const uint8_t* m, size_t n) {
   return c;
 }
 
-TEST(Prepare, LayersThatDrawNothingAndSources) {
+TEST(Prepare, LayersThatDrawNothing) {
   for (const std::string& l :
        {layer(kQuad, "", R"({"type": "none"})"), layer(kQuad, R"("opacity": 0, "effects": {"glow": {}})"),
         layer(kQuad, R"("opacity": -1)"), layer(kQuad, R"("visible": false)"),
@@ -67,51 +66,29 @@ TEST(Prepare, LayersThatDrawNothingAndSources) {
         layer(R"("shape": {"kind": "triangle", "vertices": [[1.2,0.1],[1.5,0.5],[1.3,0.9]]})"),   // off frame
         layer(R"("shape": {"kind": "triangle", "vertices": [[0.2,0.3],[0.5,0.3],[0.9,0.3]]})")})  // no area
     EXPECT_FALSE(Prepared(l, 100, 50).ok) << l;
-  Prepared fine(layer(kQuad, R"("opacity": 2.5)"), 100, 50);
-  ASSERT_TRUE(fine.ok);
-  EXPECT_EQ(fine.p.opacity, 1.0);
-  EXPECT_TRUE(fine.p.solid && fine.p.argb == 0xFFFF0000u && fine.p.source == nullptr);
-
-  kvl_sources sources{};
-  ASSERT_EQ(kvl_sources_declare(&sources, "wide.png", 64, 48), 0);
-  Prepared missing(layer(kQuad, "", R"({"type": "image", "path": "nope.png"})"), 100, 50, nullptr, &sources);
-  ASSERT_TRUE(missing.ok);
-  EXPECT_TRUE(missing.p.solid && missing.p.argb == 0xFF333333u);
-  // Declared only: cover fit from the size, 64x48 scaled 20, overhanging 120.
-  Prepared declared(layer(kQuad, "", R"({"type": "image", "path": "wide.png"})"), 100, 50, nullptr, &sources);
-  ASSERT_TRUE(declared.ok && !declared.p.solid && declared.p.source != nullptr);
-  EXPECT_EQ(declared.p.source->pixels, nullptr);
-  EXPECT_TRUE(declared.p.cover_scale == 20.0 && declared.p.cover_ox == 0.0 && declared.p.cover_oy == -120.0);
-  kvl_sources_free(&sources);
 }
 
 TEST(PrepareCells, MeshEdgesAndEllipseRoads) {
   std::string offs;
   for (int i = 0; i < 16; i++) offs += std::string(i ? "," : "") + (i == 5 ? "[0.02,-0.01]" : "[0,0]");
   Prepared mesh(layer(kQuad, R"("mesh": {"cols": 3, "rows": 3, "offsets": [)" + offs + "]}"), 100, 50);
-  ASSERT_TRUE(mesh.ok);
-  ASSERT_EQ(mesh.p.cell_count, 144);
+  ASSERT_TRUE(mesh.ok && mesh.p.cell_count == 144);
+  // Only cells on the border of the grid carry outline edges.
   for (int j = 0; j < 12; j++)
     for (int i = 0; i < 12; i++) {
       const kvl_cell& c = mesh.p.cells[j * 12 + i];
-      EXPECT_TRUE(c.edge[0] == (j == 0) && c.edge[1] == (i == 11) && c.edge[2] == (j == 11) && c.edge[3] == (i == 0));
-      EXPECT_DOUBLE_EQ(c.uv[0], i * 1280.0 / 12);
-      EXPECT_DOUBLE_EQ(c.uv[5], (j + 1) * 720.0 / 12);
+      EXPECT_TRUE(c.edge[0] == (j == 0) && c.edge[1] == (i == 11) && c.edge[2] == (j == 11) && c.edge[3] == (i == 0))
+          << i << "," << j;
     }
-  // Neighbours share corners exactly: no cracks.
-  EXPECT_EQ(mesh.p.cells[0].quad[2], mesh.p.cells[1].quad[0]);
-  EXPECT_EQ(mesh.p.cells[0].quad[4], mesh.p.cells[12].quad[2]);
-  EXPECT_EQ(mesh.p.cells[0].quad[5], mesh.p.cells[12].quad[3]);
-
-  Prepared four(layer(R"("shape": {"kind": "ellipse", "vertices": [[0.1,0.1],[0.5,0.1],[0.5,0.5],[0.1,0.5]]})"), 100,
-                50);
-  ASSERT_TRUE(four.ok);
-  EXPECT_TRUE(four.p.ellipse && !four.p.polygon && four.p.cell_count == 1);
-  Prepared five(
-      layer(R"("shape": {"kind": "ellipse", "vertices": [[0.1,0.1],[0.5,0.1],[0.6,0.4],[0.3,0.6],[0.05,0.4]]})"), 100,
-      50);
-  ASSERT_TRUE(five.ok);
-  EXPECT_TRUE(five.p.ellipse && five.p.polygon && five.p.cells == nullptr);
+  // Four points make one ellipse cell; more take the polygon road.
+  const struct { const char* vertices; bool polygon; } ellipses[] = {
+      {"[[0.1,0.1],[0.5,0.1],[0.5,0.5],[0.1,0.5]]", false},
+      {"[[0.1,0.1],[0.5,0.1],[0.6,0.4],[0.3,0.6],[0.05,0.4]]", true}};
+  for (const auto& e : ellipses) {
+    Prepared p(layer(std::string(R"("shape": {"kind": "ellipse", "vertices": )") + e.vertices + "}"), 100, 50);
+    ASSERT_TRUE(p.ok && p.p.ellipse);
+    EXPECT_TRUE(p.p.polygon == e.polygon && (e.polygon ? p.p.cells == nullptr : p.p.cell_count == 1)) << e.vertices;
+  }
   Prepared clipped(
       layer(R"("shape": {"kind": "polygon", "vertices": [[-0.5,-0.5],[0.5,-0.2],[0.4,0.5],[-0.2,0.6]]})"), 100, 50);
   ASSERT_TRUE(clipped.ok);
@@ -121,26 +98,23 @@ TEST(PrepareCells, MeshEdgesAndEllipseRoads) {
 TEST(PrepareMasks, CacheKeysAndOwnership) {
   Cache cache = make_cache(0);
   const std::string mask = std::string(kHalfMask) + "}";
+  const size_t mid = 360 * 1280 + 639;  // the last lit pixel of a row
   Prepared a(layer(kQuad, mask), 100, 50, cache.get());
   ASSERT_TRUE(a.ok && a.p.mask != nullptr && a.p.mask_cached);
-  EXPECT_TRUE(a.p.mask[360 * 1280 + 639] == 255 && a.p.mask[360 * 1280 + 640] == 0);
-  EXPECT_EQ(lit(a.p.mask, 1280 * 720), 640u * 720u);
+  EXPECT_TRUE(a.p.mask[mid] == 255 && a.p.mask[mid + 1] == 0 && lit(a.p.mask, 1280 * 720) == 640u * 720u);
   // Another quad, frame size and paint: the same buffer from the cache.
   const uint64_t misses = cache->misses, hits = cache->hits;
   Prepared b(layer(R"("corners": [[0,0],[1,0],[1,1],[0,1]])", mask, R"({"type": "image", "path": "x"})"), 300, 70,
              cache.get());
   ASSERT_TRUE(b.ok);
-  EXPECT_TRUE(b.p.mask == a.p.mask && b.p.mask_cached);
-  EXPECT_TRUE(cache->misses == misses && cache->hits == hits + 1);
+  EXPECT_TRUE(b.p.mask == a.p.mask && b.p.mask_cached && cache->misses == misses && cache->hits == hits + 1);
   Prepared c(layer(kQuad, std::string(kHalfMask) + R"(, "feather": 20})"), 100, 50, cache.get());
-  ASSERT_TRUE(c.ok);
-  EXPECT_NE(c.p.mask, a.p.mask);
-  EXPECT_TRUE(c.p.mask[360 * 1280 + 639] > 0 && c.p.mask[360 * 1280 + 639] < 255 && c.p.mask[360 * 1280 + 645] > 0);
+  ASSERT_TRUE(c.ok && c.p.mask != a.p.mask);
+  EXPECT_TRUE(c.p.mask[mid] > 0 && c.p.mask[mid] < 255 && c.p.mask[mid + 6] > 0);
 
   Prepared inv(layer(kQuad, std::string(kHalfMask) + R"(, "inverted": true})"), 100, 50);
-  ASSERT_TRUE(inv.ok);
-  EXPECT_FALSE(inv.p.mask_cached);  // no cache: the record owns it
-  EXPECT_TRUE(inv.p.mask[360 * 1280 + 639] == 0 && inv.p.mask[360 * 1280 + 640] == 255);
+  ASSERT_TRUE(inv.ok && !inv.p.mask_cached);  // no cache: the record owns it
+  EXPECT_TRUE(inv.p.mask[mid] == 0 && inv.p.mask[mid + 1] == 255);
   // No area: an empty mask; fewer than 3 vertices: no mask.
   Prepared flat(layer(kQuad, R"("mask": {"vertices": [[0.5,0.5],[0.5,0.5],[0.5,0.5]], "feather": 1e9})"), 100, 50);
   ASSERT_TRUE(flat.ok && flat.p.mask != nullptr);
@@ -156,13 +130,10 @@ TEST(PrepareMasks, CacheKeysAndOwnership) {
   EXPECT_TRUE(!p.p.mask_cached && p.p.poly_mask_cached && !p.p.behind[0].cached && !p.p.front[0].cached);
 }
 
-TEST(PrepareEffects, OrderColoursAndCacheSharing) {
+TEST(PrepareEffects, CacheSharingAndEdgeCases) {
   Cache cache = make_cache(0);
   Prepared a(layer(kQuad, all_effects()), 200, 108, cache.get());
   ASSERT_TRUE(a.ok && a.p.behind_count == 2 && a.p.front_count == 3);
-  EXPECT_EQ(a.p.behind[0].argb, 0x99000000u);  // shadow, then glow
-  EXPECT_EQ(a.p.behind[1].argb, 0xFF42C8F5u);
-  EXPECT_EQ(a.p.front[2].argb, 0xFFFFFFFFu);  // stroke last
   // Another paint, opacity and content transform share the masks; another
   // frame height does not; one changed parameter makes new entries.
   Prepared b(layer(kQuad, all_effects() + R"(, "opacity": 0.3, "content": {"scale": 3})",
@@ -170,11 +141,11 @@ TEST(PrepareEffects, OrderColoursAndCacheSharing) {
   Prepared c(layer(kQuad, all_effects()), 200, 109, cache.get());
   Prepared d(layer(kQuad, all_effects("7")), 200, 108, cache.get());
   ASSERT_TRUE(b.ok && c.ok && d.ok);
-  for (int i = 0; i < 2; i++) {
-    EXPECT_TRUE(b.p.behind[i].cached && a.p.behind[i].mask == b.p.behind[i].mask);
-    EXPECT_NE(a.p.behind[i].mask, c.p.behind[i].mask);
-  }
-  for (int i = 0; i < 3; i++) EXPECT_TRUE(a.p.front[i].mask == b.p.front[i].mask && a.p.front[i].mask != c.p.front[i].mask);
+  for (int i = 0; i < 2; i++)
+    EXPECT_TRUE(b.p.behind[i].cached && a.p.behind[i].mask == b.p.behind[i].mask &&
+                a.p.behind[i].mask != c.p.behind[i].mask);
+  for (int i = 0; i < 3; i++)
+    EXPECT_TRUE(a.p.front[i].mask == b.p.front[i].mask && a.p.front[i].mask != c.p.front[i].mask);
   EXPECT_NE(a.p.behind[0].mask, d.p.behind[0].mask);
   EXPECT_EQ(0, memcmp(a.p.behind[0].mask, d.p.behind[0].mask, (size_t)a.p.behind[0].w * a.p.behind[0].h));
 
@@ -188,16 +159,6 @@ TEST(PrepareEffects, OrderColoursAndCacheSharing) {
   EXPECT_EQ(lit(s.mask + (25 - s.y) * s.w, s.w), 4u);
 }
 
-TEST(PrepareEffects, IsolationOnlyForFadedOrKeyedLayersWithEffects) {
-  const struct { const char* rest; bool isolate; } cases[] = {
-      {R"("opacity": 0.5)", false},
-      {R"("effects": {"glow": {}})", false},
-      {R"("opacity": 0.5, "effects": {"glow": {}})", true},
-      {R"("lumaKey": true, "effects": {"stroke": {}})", true},
-      {R"("opacity": 0.5, "effects": {"glow": {"radius": 0}})", false}};  // no entry, no isolation
-  for (const auto& c : cases) EXPECT_EQ(Prepared(layer(kQuad, c.rest), 100, 50).p.isolate, c.isolate) << c.rest;
-}
-
 TEST(PrepareHostile, HugeNanAndNullInputsNeverCrash) {
   Prepared huge(layer(kQuad, R"("effects": {"shadow": {"dx": 1e300, "dy": -1e300, "blur": 1e300},
                              "glow": {"radius": 1e308}, "bevel": {"depth": 1e308}, "stroke": {"width": 1e308}})"),
@@ -207,14 +168,23 @@ TEST(PrepareHostile, HugeNanAndNullInputsNeverCrash) {
   EXPECT_EQ(lit(huge.p.behind[0].mask, 64 * 36), 0u);         // shifted out of the box
   EXPECT_EQ(lit(huge.p.behind[1].mask, 64 * 36), 64u * 36u);  // glow everywhere
 
-  for (const char* geo : {R"("corners": [[1e300,0],[-1e300,0],[1e300,1e300],[0,-1e300]])",
-                          R"("shape": {"kind": "polygon", "vertices": [[1e300,0],[-1e300,0],[1e300,1e300],[0,1]]})",
-                          R"("shape": {"kind": "ellipse", "vertices": [[-1e9,-1e9],[1e9,-1e9],[1e9,1e9],[-1e9,1e9]]})"}) {
+  // Whatever the geometry, cells and boxes stay inside the frame.
+  std::string offs;
+  for (int i = 0; i < 169; i++) offs += std::string(i ? "," : "") + (i % 5 ? "[0.01,0.02]" : "[-5,7]");
+  const std::string geos[] = {
+      R"("corners": [[1e300,0],[-1e300,0],[1e300,1e300],[0,-1e300]])",
+      R"("shape": {"kind": "polygon", "vertices": [[1e300,0],[-1e300,0],[1e300,1e300],[0,1]]})",
+      R"("shape": {"kind": "ellipse", "vertices": [[-1e9,-1e9],[1e9,-1e9],[1e9,1e9],[-1e9,1e9]]})",
+      kQuad + std::string(R"(, "mesh": {"cols": 12, "rows": 12, "offsets": [)") + offs + "]}"};
+  for (const std::string& geo : geos) {
     Prepared p(layer(geo, all_effects()), 64, 36);
+    const bool mesh = &geo == &geos[3];  // a wild warp still draws, the others may be refused
+    ASSERT_TRUE(p.ok || !mesh);
+    EXPECT_TRUE(!mesh || p.p.cell_count == 144);
     if (!p.ok) continue;
     for (int i = 0; i < p.p.cell_count; i++) {
       const kvl_cell& c = p.p.cells[i];
-      EXPECT_TRUE(c.x0 >= 0 && c.x1 <= 64 && c.y0 >= 0 && c.y1 <= 36);
+      EXPECT_TRUE(c.x0 >= 0 && c.x1 <= 64 && c.y0 >= 0 && c.y1 <= 36) << i;
     }
     EXPECT_TRUE(!p.p.polygon || (p.p.box_x >= 0 && p.p.box_x + p.p.box_w <= 64));
   }
@@ -229,19 +199,13 @@ TEST(PrepareHostile, HugeNanAndNullInputsNeverCrash) {
   kvl_prep_free(&quad.p);
   quad.verts[0] = std::nan("");
   ASSERT_TRUE(kvl_prepare(&quad.p, &quad.r, nullptr, 64, 36, nullptr));
-  EXPECT_EQ(quad.p.cells[0].x1, 0);  // no box, draws nothing
-  EXPECT_EQ(quad.p.behind_count + quad.p.front_count, 0);
+  EXPECT_TRUE(quad.p.cells[0].x1 == 0 && quad.p.behind_count + quad.p.front_count == 0);  // no box, draws nothing
 
-  std::string offs;
-  for (int i = 0; i < 169; i++) offs += std::string(i ? "," : "") + (i % 5 ? "[0.01,0.02]" : "[-5,7]");
-  Prepared p(layer(kQuad, R"("mesh": {"cols": 12, "rows": 12, "offsets": [)" + offs + "]}"), 64, 36);
-  ASSERT_TRUE(p.ok && p.p.cell_count == 144);
-  for (int i = 0; i < 144; i++) EXPECT_LE(p.p.cells[i].x1, 64);
-  EXPECT_FALSE(kvl_prepare(nullptr, &p.r, nullptr, 64, 36, nullptr));
   kvl_prep q;
+  EXPECT_FALSE(kvl_prepare(nullptr, &quad.r, nullptr, 64, 36, nullptr));
   EXPECT_FALSE(kvl_prepare(&q, nullptr, nullptr, 64, 36, nullptr));
   kvl_prep_free(&q);
-  EXPECT_FALSE(kvl_prepare(&q, &p.r, nullptr, 0, 36, nullptr));
+  EXPECT_FALSE(kvl_prepare(&q, &quad.r, nullptr, 0, 36, nullptr));
   kvl_prep_free(&q);
   kvl_prep_free(nullptr);
 }

@@ -34,7 +34,7 @@ void* __libc_calloc(size_t, size_t);
 void* __libc_realloc(void*, size_t);
 void __libc_free(void*);
 
-static bool armed() { return g_armed.load(std::memory_order_relaxed); }
+// True when this allocation is the one to fail.
 static bool inject_failure() {
   g_seen.fetch_add(1, std::memory_order_relaxed);
   return g_allocs_left.fetch_sub(1, std::memory_order_relaxed) == 0;
@@ -44,20 +44,20 @@ static void* counted(void* p) {
   return p;
 }
 __attribute__((weak)) void* malloc(size_t n) noexcept {
-  return !armed() ? __libc_malloc(n) : inject_failure() ? nullptr : counted(__libc_malloc(n));
+  return !g_armed ? __libc_malloc(n) : inject_failure() ? nullptr : counted(__libc_malloc(n));
 }
 __attribute__((weak)) void* calloc(size_t n, size_t size) noexcept {
-  return !armed() ? __libc_calloc(n, size) : inject_failure() ? nullptr : counted(__libc_calloc(n, size));
+  return !g_armed ? __libc_calloc(n, size) : inject_failure() ? nullptr : counted(__libc_calloc(n, size));
 }
 __attribute__((weak)) void* realloc(void* old, size_t n) noexcept {
-  if (!armed()) return __libc_realloc(old, n);
+  if (!g_armed) return __libc_realloc(old, n);
   if (inject_failure()) return nullptr;
   void* p = __libc_realloc(old, n);
   g_live.fetch_add((p && !old) - (!p && old && n == 0), std::memory_order_relaxed);
   return p;
 }
 __attribute__((weak)) void free(void* p) noexcept {
-  if (p && armed()) g_live.fetch_sub(1, std::memory_order_relaxed);
+  if (p && g_armed) g_live.fetch_sub(1, std::memory_order_relaxed);
   __libc_free(p);
 }
 }
@@ -87,32 +87,27 @@ Scene parse_layer(const std::string& mapping) {
 const char kPrefix[] = "JSON inválido perto de: ";
 
 // Uses every part of the document, for the out-of-memory sweep.
-const char kFullScene[] = R"({
-  "outputs": [{"id": "left", "resolution": [1280, 720]}, {"id": "right"}],
+const char kFullScene[] = R"({"outputs": [{"id": "left", "resolution": [1280, 720]}, {"id": "right"}],
   "groups": [{"id": "g", "visible": true, "opacity": 0.5}],
   "audioTracks": [{"id": "t", "input": {}, "clips": [{"startMs": 1, "path": "a.wav"}]}],
-  "mappings": [
-    {"id": "a", "groupId": "g", "output": "left", "paint": {"type": "text"},
-     "shape": {"kind": "polygon", "vertices": [[0, 0], {"x": 1, "y": 0, "in": [0.1, 0.2]}, [1, 1]]},
-     "keyframes": [{"prop": "c0x", "timeMs": 0, "value": 0.5}, {"prop": "opacity", "timeMs": 10}],
-     "clips": [{"startMs": 0, "lengthMs": 10, "paint": {"type": "video", "path": "v.mp4"}},
-               {"startMs": 0, "lengthMs": 10, "paint": {"type": "text"}}],
-     "mask": {"vertices": [[0, 0], [1, 1], [0, 1]], "feather": 3},
-     "effects": {"stroke": {}, "shadow": {}, "glow": {}, "bevel": {}},
-     "modulations": [{"id": "m", "source": "bass", "prop": "opacity", "track": "t"}],
-     "mesh": {"cols": 1, "rows": 1, "offsets": [[0, 0], [0, 0], [0, 0], [0.1, 0.1]]}},
-    {"id": "b", "corners": [[0, 0], [1, 0], [1, 1]], "paint": {"type": "asset_video", "asset": "x"}}]})";
+  "mappings": [{"id": "a", "groupId": "g", "output": "left", "paint": {"type": "text"},
+    "shape": {"kind": "polygon", "vertices": [[0, 0], {"x": 1, "y": 0, "in": [0.1, 0.2]}, [1, 1]]},
+    "keyframes": [{"prop": "c0x", "timeMs": 0, "value": 0.5}, {"prop": "opacity", "timeMs": 10}],
+    "clips": [{"startMs": 0, "lengthMs": 10, "paint": {"type": "video", "path": "v.mp4"}},
+              {"startMs": 0, "lengthMs": 10, "paint": {"type": "text"}}],
+    "mask": {"vertices": [[0, 0], [1, 1], [0, 1]], "feather": 3}, "effects": {"stroke": {}, "shadow": {}, "glow": {}, "bevel": {}},
+    "modulations": [{"id": "m", "source": "bass", "prop": "opacity", "track": "t"}],
+    "mesh": {"cols": 1, "rows": 1, "offsets": [[0, 0], [0, 0], [0, 0], [0.1, 0.1]]}},
+   {"id": "b", "corners": [[0, 0], [1, 0], [1, 1]], "paint": {"type": "asset_video", "asset": "x"}}]})";
 
 TEST(SceneParseTop, NonObjectsAreEmptyScenesAndResolutionFallsBackPerDimension) {
   struct Case { const char* json; double w, h; } cases[] = {
-      {"[]", 1920, 1080}, {"5", 1920, 1080}, {"null", 1920, 1080}, {"\"mappings\"", 1920, 1080},
-      {"[{\"mappings\":[{}]}]", 1920, 1080},
+      {"[]", 1920, 1080}, {"\"mappings\"", 1920, 1080}, {"[{\"mappings\":[{}]}]", 1920, 1080},
       {R"({"resolution":[800,0]})", 800, 1080},
       {R"({"resolution":[-3,600]})", 1920, 600},
       {R"({"resolution":["wide",720.5]})", 1920, 720.5},
       {R"({"resolution":[1280]})", 1920, 1080},  // fewer than two: [0, 0]
       {R"({"resolution":[1280,720,3]})", 1280, 720},
-      {R"({"resolution":{"w":5}})", 1920, 1080},
       {R"({"outputs":[],"resolution":[640,480]})", 640, 480},
       {R"({"outputs":{"id":"x"},"resolution":[640,480]})", 640, 480},
   };
@@ -125,45 +120,31 @@ TEST(SceneParseTop, NonObjectsAreEmptyScenesAndResolutionFallsBackPerDimension) 
   }
 }
 
-TEST(SceneParseTop, OutputsKeepOrderAndTakeDefaultsPerElement) {
-  Scene s = parse(R"({"resolution":[10,10],
-    "outputs":[{"id":"left","resolution":[0,720]}, {}, 7, {"id":3,"resolution":[1024,768]}]})");
+TEST(SceneParseTop, ElementsKeepOrderAndTakeDefaultsEachAndTracksAreFoundById) {
+  Scene s = parse(R"({"resolution":[10,10], "groups":[{}, "x"],
+    "outputs":[{"id":"left","resolution":[0,720]}, 7, {"id":3,"resolution":[1024,768]}],
+    "audioTracks":[{"id":"music","clips":[3]}, {"id":"mic","input":{}}, {"id":"music","input":true}]})");
   ASSERT_TRUE(s);
-  ASSERT_EQ(s->output_count, 4);
+  ASSERT_TRUE(s->output_count == 3 && s->group_count == 2 && s->track_count == 3);
   // The top-level resolution only serves a scene without usable outputs.
-  const struct { const char* id; double w, h; } want[] = {
-      {"left", 1920, 720}, {"main", 1920, 1080}, {"main", 1920, 1080}, {"main", 1024, 768}};
-  for (int i = 0; i < 4; i++) {
+  const struct { const char* id; double w, h; } want[] = {{"left", 1920, 720}, {"main", 1920, 1080}, {"main", 1024, 768}};
+  for (int i = 0; i < 3; i++) {
     EXPECT_STREQ(s->outputs[i].id, want[i].id) << i;
     EXPECT_TRUE(s->outputs[i].width == want[i].w && s->outputs[i].height == want[i].h) << i;
   }
-}
-
-TEST(SceneParseTop, GroupDefaultsAndAudioTrackLookup) {
-  Scene s = parse(R"({"groups":[{}, "x"],
-    "audioTracks":[{"id":"music","clips":[3]}, {"id":"mic","input":{}}, {"id":"music","input":true}]})");
-  ASSERT_TRUE(s);
-  ASSERT_EQ(s->group_count, 2);
-  for (int i : {0, 1}) {
-    EXPECT_STREQ(s->groups[i].id, "");
-    EXPECT_TRUE(s->groups[i].visible && s->groups[i].opacity == 1.0) << i;
-  }
-  ASSERT_EQ(s->track_count, 3);
   ASSERT_EQ(s->tracks[0].clip_count, 1);
   EXPECT_STREQ(s->tracks[0].clips[0].path, "");
   EXPECT_TRUE(s->tracks[1].is_input && !s->tracks[2].is_input);  // "input" must be an object
-  // Lookup by id: the first match wins; null arguments find nothing.
+  // The first match wins; null arguments find nothing.
   EXPECT_EQ(kvl_scene_audio_track(s.get(), "music"), &s->tracks[0]);
   EXPECT_EQ(kvl_scene_audio_track(s.get(), "mic"), &s->tracks[1]);
   EXPECT_EQ(kvl_scene_audio_track(s.get(), "Music"), nullptr);
-  EXPECT_EQ(kvl_scene_audio_track(s.get(), nullptr), nullptr);
-  EXPECT_EQ(kvl_scene_audio_track(nullptr, "music"), nullptr);
+  EXPECT_TRUE(!kvl_scene_audio_track(s.get(), nullptr) && !kvl_scene_audio_track(nullptr, "music"));
 }
 
 TEST(SceneParseLayer, MissingOrMistypedValuesTakeDefaults) {
   for (const char* mapping :
-       {"{}", "7", "[1,2]",
-        R"({"id":5,"groupId":1,"output":[],"shape":"ellipse","corners":{},"paint":"color","opacity":"0.5",
+       {"7", R"({"id":5,"groupId":1,"output":[],"shape":"ellipse","corners":{},"paint":"color","opacity":"0.5",
             "visible":1,"lumaKey":"yes","content":[1,2],"keyframes":{},"clips":3,"mask":true,"effects":[],
             "modulations":"bass","mesh":[3,3]})"}) {
     Scene s = parse_layer(mapping);
@@ -171,14 +152,11 @@ TEST(SceneParseLayer, MissingOrMistypedValuesTakeDefaults) {
     const kvl_layer& l = s->layers[0];
     SCOPED_TRACE(mapping);
     EXPECT_STREQ(l.id, "");
-    EXPECT_TRUE(l.group_id == nullptr && l.output == nullptr);
-    EXPECT_TRUE(l.shape == KVL_SHAPE_QUAD && l.vertex_count == 0 && l.vertices == nullptr);
-    EXPECT_TRUE(l.paint.kind == KVL_PAINT_NONE && l.paint.ref == nullptr);
-    EXPECT_TRUE(l.opacity == 1.0 && l.visible && !l.luma_key);
-    EXPECT_TRUE(l.content_x == 0.0 && l.content_y == 0.0 && l.content_scale == 1.0 && l.content_rotation == 0.0);
-    EXPECT_TRUE(l.keyframe_count == 0 && l.clip_count == 0 && !l.has_mask && !l.has_mesh);
-    EXPECT_FALSE(l.has_stroke || l.has_shadow || l.has_glow || l.has_bevel);
-    EXPECT_TRUE(l.modulation_count == 0 && l.modulations == nullptr);
+    EXPECT_TRUE(l.group_id == nullptr && l.output == nullptr && l.vertices == nullptr && l.modulations == nullptr);
+    EXPECT_TRUE(l.shape == KVL_SHAPE_QUAD && l.paint.kind == KVL_PAINT_NONE && l.paint.ref == nullptr);
+    EXPECT_TRUE(l.opacity == 1.0 && l.visible && !l.luma_key && l.content_x == 0.0 && l.content_scale == 1.0);
+    EXPECT_TRUE(l.vertex_count == 0 && l.keyframe_count == 0 && l.clip_count == 0 && l.modulation_count == 0);
+    EXPECT_FALSE(l.has_mask || l.has_mesh || l.has_stroke || l.has_shadow || l.has_glow || l.has_bevel);
   }
 }
 
@@ -193,7 +171,6 @@ TEST(SceneParseLayer, ShapeKindsAndTheCornersFallback) {
       {R"({"shape":{"kind":"ellipse"},"corners":[[0,0],[1,0],[1,1]]})", KVL_SHAPE_ELLIPSE, 0},
       // A shape that is no object: a quad from the corners.
       {R"({"shape":"ellipse","corners":[[0,0],[1,0],[1,1]]})", KVL_SHAPE_QUAD, 3},
-      {R"({"corners":[]})", KVL_SHAPE_QUAD, 0},
   };
   for (const Case& c : cases) {
     Scene s = parse_layer(c.mapping);
@@ -206,7 +183,6 @@ TEST(SceneParseLayer, ShapeKindsAndTheCornersFallback) {
 
 TEST(SceneParseLayer, PaintKinds) {
   struct Case { const char* paint; kvl_paint_kind kind; uint32_t argb; const char* ref; } cases[] = {
-      {R"({"type":"color"})", KVL_PAINT_COLOR, 0xFF000000u, nullptr},
       {R"({"type":"color","argb":4294944000})", KVL_PAINT_COLOR, 4294944000u, nullptr},
       {R"({"type":"color","argb":"red"})", KVL_PAINT_COLOR, 0xFF000000u, nullptr},
       {R"({"type":"image","path":"media/a.png"})", KVL_PAINT_IMAGE, 0, "media/a.png"},
@@ -214,11 +190,8 @@ TEST(SceneParseLayer, PaintKinds) {
       {R"({"type":"video","path":"v.mp4","asset":"no"})", KVL_PAINT_VIDEO, 0, "v.mp4"},
       {R"({"type":"asset_video","asset":"assets/loop.mp4","path":"no"})", KVL_PAINT_ASSET_VIDEO, 0,
        "assets/loop.mp4"},
-      {R"({"type":"asset_video"})", KVL_PAINT_ASSET_VIDEO, 0, ""},
       {R"({"type":"text","path":"ignored"})", KVL_PAINT_TEXT, 0, "text:lyr"},
-      {R"({"type":"gradient","path":"x"})", KVL_PAINT_NONE, 0, nullptr},
       {R"({"type":"Color"})", KVL_PAINT_NONE, 0, nullptr},
-      {R"({"argb":5})", KVL_PAINT_NONE, 0, nullptr},
       {R"("color")", KVL_PAINT_NONE, 0, nullptr},
   };
   for (const Case& c : cases) {
@@ -232,54 +205,41 @@ TEST(SceneParseLayer, PaintKinds) {
 
 TEST(SceneParseLayer, ModulationsWithoutAKnownSourceAreDroppedAndTheRestMoveUp) {
   Scene s = parse_layer(R"({"modulations":[
-    {"id":"m0","source":"treble","prop":"opacity"},
     {"id":"m1","source":"bass","prop":"contentScale","mode":"add","min":0.5,"max":2,
      "attackMs":5.5,"releaseMs":100.25,"enabled":false,"track":"music"},
-    {"id":"m2","prop":"opacity"},
-    "beat",
-    {"source":"beat"},
-    {"id":"m3","source":"Level"},
-    {"id":"m4","source":"high","mode":"ADD","track":7},
-    {"id":"m5","source":"mid"},
-    {"id":"m6","source":"level"}]})");
+    {"id":"m2","prop":"opacity"}, "beat", {"source":"beat"}, {"id":"m3","source":"Level"},
+    {"id":"m4","source":"high","mode":"ADD","track":7}, {"id":"m5","source":"mid"}, {"id":"m6","source":"level"}]})");
   ASSERT_TRUE(s);
   const kvl_layer& l = s->layers[0];
   ASSERT_EQ(l.modulation_count, 5);
-  struct { const char *id, *prop, *track; kvl_signal_source source; kvl_mod_mode mode;
-           double lo, hi, att, rel; bool on; } want[] = {
-      {"m1", "contentScale", "music", KVL_SIG_BASS, KVL_MOD_ADD, 0.5, 2, 5.5, 100.25, false},
-      {"", "", nullptr, KVL_SIG_BEAT, KVL_MOD_SET, 0, 1, 10, 250, true},
-      {"m4", "", nullptr, KVL_SIG_HIGH, KVL_MOD_SET, 0, 1, 10, 250, true},
-      {"m5", "", nullptr, KVL_SIG_MID, KVL_MOD_SET, 0, 1, 10, 250, true},
-      {"m6", "", nullptr, KVL_SIG_LEVEL, KVL_MOD_SET, 0, 1, 10, 250, true},
-  };
+  const struct { const char* id; kvl_signal_source source; } want[] = {
+      {"m1", KVL_SIG_BASS}, {"", KVL_SIG_BEAT}, {"m4", KVL_SIG_HIGH}, {"m5", KVL_SIG_MID}, {"m6", KVL_SIG_LEVEL}};
   for (int i = 0; i < 5; i++) {
-    const kvl_modulation& m = l.modulations[i];
-    const auto& w = want[i];
-    SCOPED_TRACE(i);
-    EXPECT_STREQ(m.id, w.id);
-    EXPECT_STREQ(m.prop, w.prop);
-    EXPECT_STREQ(m.track, w.track);  // a null track must stay null
-    EXPECT_TRUE(m.source == w.source && m.mode == w.mode && m.enabled == w.on);
-    EXPECT_TRUE(m.min == w.lo && m.max == w.hi && m.attack_ms == w.att && m.release_ms == w.rel);
+    EXPECT_STREQ(l.modulations[i].id, want[i].id) << i;
+    EXPECT_EQ(l.modulations[i].source, want[i].source) << i;
   }
+  const kvl_modulation &m1 = l.modulations[0], &m4 = l.modulations[2];
+  EXPECT_STREQ(m1.prop, "contentScale");
+  EXPECT_STREQ(m1.track, "music");
+  EXPECT_TRUE(m1.mode == KVL_MOD_ADD && m1.min == 0.5 && m1.max == 2 && m1.attack_ms == 5.5 &&
+              m1.release_ms == 100.25 && !m1.enabled);
+  EXPECT_STREQ(m4.prop, "");
+  EXPECT_EQ(m4.track, nullptr);  // a track that is no string stays null
+  EXPECT_TRUE(m4.mode == KVL_MOD_SET && m4.enabled);  // mode names are case-sensitive
 }
 
 TEST(SceneParseLayer, MeshCellsAreLimitedAndOffsetsNeedTheExactCount) {
-  auto mesh = [](const std::string& json) { return parse_layer("{\"mesh\":" + json + "}"); };
   // Offsets one entry short are ignored whole; every case's offsets start at zero.
   struct Case { const char* json; int32_t cols, rows; } cases[] = {
       {R"({"cols":0,"rows":99})", 1, 12},
       {R"({"cols":1,"rows":1,"offsets":[[1,1],[1,1],[1,1]]})", 1, 1},
-      {"{}", 3, 3},
       {R"({"cols":2.9,"rows":-0.5})", 2, 1},
       {R"({"cols":1e300,"rows":-1e300})", 12, 1},
       {R"({"cols":1e999,"rows":-1e999})", 12, 1},
       {R"({"cols":"4","rows":null})", 3, 3},
-      {R"({"cols":12,"rows":13})", 12, 12},
   };
   for (const Case& c : cases) {
-    Scene s = mesh(c.json);
+    Scene s = parse_layer(std::string("{\"mesh\":") + c.json + "}");
     ASSERT_TRUE(s);
     const kvl_layer& l = s->layers[0];
     EXPECT_TRUE(l.has_mesh && l.mesh_cols == c.cols && l.mesh_rows == c.rows) << c.json;
@@ -299,18 +259,16 @@ TEST(SceneParseError, MessageShowsAtMost40BytesOfTheTailAndFitsTheBuffer) {
     const std::string msg(err);
     ASSERT_EQ(msg.rfind(kPrefix, 0), 0u) << msg;
     const std::string tail = msg.substr(strlen(kPrefix));
-    EXPECT_TRUE(!tail.empty() && tail.size() <= 40u) << tail;
-    EXPECT_TRUE(text.back() != 'x' || tail.size() == 40u) << tail;
+    EXPECT_TRUE(!tail.empty() && tail.size() <= 40u && (text.back() != 'x' || tail.size() == 40u)) << tail;
     EXPECT_NE(text.find(tail), std::string::npos) << tail;
   }
   const char* bad = "{\"mappings\": [1, 2,, 3]}";
   char full[256], small[12];
   ASSERT_EQ(kvl_scene_parse(bad, full, sizeof full), nullptr);
-  const std::string msg(full);
-  EXPECT_EQ(msg, std::string(kPrefix) + ", 3]}");
+  EXPECT_EQ(std::string(full), std::string(kPrefix) + ", 3]}");
   memset(small, 'z', sizeof small);
   EXPECT_EQ(kvl_scene_parse(bad, small, 10), nullptr);
-  EXPECT_EQ(std::string(small), msg.substr(0, 9));
+  EXPECT_EQ(std::string(small), std::string(full).substr(0, 9));
   EXPECT_EQ(small[10], 'z');  // nothing written past error_size
   // The buffer is optional, and a size of zero or less leaves it alone.
   char untouched[4] = {'a', 'b', 'c', '\0'};
@@ -318,7 +276,6 @@ TEST(SceneParseError, MessageShowsAtMost40BytesOfTheTailAndFitsTheBuffer) {
   EXPECT_EQ(kvl_scene_parse(bad, untouched, -5), nullptr);
   EXPECT_STREQ(untouched, "abc");
   EXPECT_EQ(kvl_scene_parse(bad, nullptr, 100), nullptr);
-  EXPECT_EQ(kvl_scene_parse("", nullptr, 0), nullptr);
   EXPECT_EQ(kvl_scene_parse(nullptr, full, sizeof full), nullptr);
   EXPECT_STREQ(full, kPrefix);
   kvl_scene_free(nullptr);

@@ -6,41 +6,40 @@ extern "C" {
 #include <libavutil/frame.h>
 }
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
+#include <functional>
+#include <memory>
 #include <string>
+#include <thread>
+
+#include "video_player.h"
 
 namespace videotest {
 
+// A 320x180 movie.
 struct Clip {
-  int32_t width = 320, height = 180;
   int32_t fps = 30;
   double seconds = 2.0;
   int32_t gop = 12;  // key frame interval
   bool bframes = true;
   bool audio = false;  // a sine track beside the video
-  std::string extra;   // more ffmpeg output options
 };
 
 inline bool makeClip(const std::string& path, const Clip& c) {
   // Boxes switched per frame: far cheaper than a per-pixel expression.
   std::string filter = "drawbox=x=0:y=ih/2:w=iw:h=ih/2:color=red:t=fill";
-  for (int bit = 0; bit < 10; bit++) {
-    char box[256];
-    snprintf(box, sizeof box,
-             ",drawbox=x=%d*iw/10:y=0:w=iw/10+1:h=ih/2:color=white:t=fill:enable='mod(floor(n/%d),2)'", bit,
-             1 << bit);
-    filter += box;
-  }
-  char cmd[4096];
-  snprintf(cmd, sizeof cmd,
-           "ffmpeg -nostdin -v error -y -f lavfi -i color=c=black:s=%dx%d:r=%d:d=%.3f %s -vf \"%s\" "
-           "-c:v libx264 -preset ultrafast -qp 8 -g %d -bf %d -pix_fmt yuv420p %s -movflags +faststart %s '%s'",
-           c.width, c.height, c.fps, c.seconds,
-           c.audio ? "-f lavfi -i sine=frequency=440:sample_rate=44100" : "", filter.c_str(), c.gop,
-           c.bframes ? 2 : 0, c.audio ? "-c:a aac -shortest" : "", c.extra.c_str(), path.c_str());
-  return std::system(cmd) == 0;
+  for (int bit = 0; bit < 10; bit++)
+    filter += ",drawbox=x=" + std::to_string(bit) + "*iw/10:y=0:w=iw/10+1:h=ih/2:color=white:t=fill:enable='mod(floor(n/" +
+              std::to_string(1 << bit) + "),2)'";
+  std::string cmd = "ffmpeg -nostdin -v error -y -f lavfi -i color=c=black:s=320x180:r=" + std::to_string(c.fps) +
+                    ":d=" + std::to_string(c.seconds) +
+                    (c.audio ? " -f lavfi -i sine=frequency=440:sample_rate=44100 -c:a aac -shortest" : "") + " -vf \"" +
+                    filter + "\" -c:v libx264 -preset ultrafast -qp 8 -g " + std::to_string(c.gop) + " -bf " +
+                    (c.bframes ? "2" : "0") + " -pix_fmt yuv420p -movflags +faststart '" + path + "'";
+  return std::system(cmd.c_str()) == 0;
 }
 
 // The index read from pixels (`step` bytes each), or -1 when stripes are not clean.
@@ -70,6 +69,23 @@ inline int32_t indexOfRgba(const uint8_t* rgba, int32_t w, int32_t h) {
       rgba + static_cast<size_t>(h / 4) * w * 4, w, 4,
       [](const uint8_t* p) { return p[0] > 200 && p[1] > 200 && p[2] > 200; },
       [](const uint8_t* p) { return p[0] <= 60 && p[1] <= 60 && p[2] <= 60; });
+}
+
+// A host clock that moves only when the test says so.
+struct FakeClock {
+  std::shared_ptr<std::atomic<double>> now = std::make_shared<std::atomic<double>>(100.0);
+  VideoPlayer::Options options() const { return {.hostClock = [n = now] { return n->load(); }}; }
+  void advance(double s) { now->store(now->load() + s); }
+};
+
+// Polls `cond` until it holds or `limit` passes; its last answer.
+inline bool waitUntil(const std::function<bool()>& cond, std::chrono::milliseconds limit) {
+  auto end = std::chrono::steady_clock::now() + limit;
+  while (std::chrono::steady_clock::now() < end) {
+    if (cond()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return cond();
 }
 
 }  // namespace videotest
