@@ -65,6 +65,7 @@ const Command kCommands[] = {
     {"analyze", cmd_analyze, "analyze MEDIA [-o OUT.signals]                write the audio signal file"},
     {"waveform", cmd_waveform, "waveform MEDIA [--count N] [--pcm OUT.f32]    print the audio peaks as JSON"},
     {"thumbnail", cmd_thumbnail, "thumbnail MEDIA [--width N] -o OUT.jpg        write a JPEG of the video"},
+    {"serve", cmd_serve, "serve [PROJECT.kvln ...]                      run the application (also: kavlen alone)"},
 };
 
 void usage(FILE* to) {
@@ -76,9 +77,11 @@ void usage(FILE* to) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2 || !strcmp(argv[1], "--help") || !strcmp(argv[1], "-h")) {
-    usage(argc < 2 ? stderr : stdout);
-    return argc < 2 ? 2 : 0;
+  // Alone, or given project files, kavlen is the application.
+  if (argc < 2) return cmd_serve(argc, argv);
+  if (!strcmp(argv[1], "--help") || !strcmp(argv[1], "-h")) {
+    usage(stdout);
+    return 0;
   }
   if (!strcmp(argv[1], "--version")) {
     printf("kavlen %s\n", kvl_version());
@@ -86,6 +89,7 @@ int main(int argc, char** argv) {
   }
   for (const Command& c : kCommands)
     if (!strcmp(argv[1], c.name)) return c.run(argc - 1, argv + 1);
+  if (looks_like_project(argv[1])) return cmd_serve(argc, argv);
   fail("unknown command '%s' (try kavlen --help)", argv[1]);
   return 2;
 }
