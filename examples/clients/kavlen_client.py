@@ -435,7 +435,7 @@ def main():
     a = ap.parse_args()
     c = Client(port=a.port, codec="json" if a.json else "standard")
     display = "app.kavlen/display"
-    root = a.media_root or os.path.abspath(os.path.join(os.path.dirname(a.scene), "media"))
+    root = a.media_root or os.path.abspath(os.path.dirname(a.scene))
     print("ready:", c.call(display, "ready", {"mediaRoot": root}))
     print("displays:", c.call(display, "listDisplays"))
     print("openOutput:", c.call(display, "openOutput", {"outputId": a.output}))

@@ -95,9 +95,6 @@ int runApplication(const std::vector<std::string>& paths) {
   host::MainLoop loop;
   host::WorkerPool workers;
   host::ChannelHost channels(loop);
-  output::OutputWindowManager outputs(loop);
-  // Paths from the command line wait for the interface's "ready".
-  outputs.openFiles(paths);
 
   GlfwWaiter glfwWaiter;
   glfwSetErrorCallback([](int, const char* what) { fprintf(stderr, "[kavlen] GLFW: %s\n", what); });
@@ -114,6 +111,11 @@ int runApplication(const std::vector<std::string>& paths) {
     loop.quit();
   };
 
+  auto outputsOwner = std::make_unique<output::OutputWindowManager>(loop, windows);
+  output::OutputWindowManager& outputs = *outputsOwner;
+  // Paths from the command line wait for the interface's "ready".
+  outputs.openFiles(paths);
+
   std::unique_ptr<MainWindow> window;
   if (windows) {
     window = MainWindow::create(terminate);
@@ -127,6 +129,7 @@ int runApplication(const std::vector<std::string>& paths) {
   if (!channels.start(port, error)) {
     fprintf(stderr, "kavlen: %s\n", error.c_str());
     window.reset();
+    outputsOwner.reset();
     if (windows) glfwTerminate();
     return 1;
   }
@@ -136,9 +139,12 @@ int runApplication(const std::vector<std::string>& paths) {
     MonitorState s;
     s.channels = "ws://127.0.0.1:" + std::to_string(channels.port()) + "/channels";
     for (const auto& c : channels.clients()) s.clients.push_back(clientLine(c));
+    for (output::Preview& p : outputs.previews(320, 180))
+      s.outputs.push_back({p.id, p.where, std::move(p.rgba), p.width, p.height});
     window->setState(std::move(s));
   };
   channels.setClientsChanged(refreshMonitor);
+  outputs.onChange = refreshMonitor;
   refreshMonitor();
 
   if (window) {
@@ -155,9 +161,11 @@ int runApplication(const std::vector<std::string>& paths) {
   SignalWatcher signals([&] { loop.post(terminate); });
   loop.run();
 
+  outputs.closeAll();
   channels.stop();
   workers.shutdown();
   window.reset();
+  outputsOwner.reset();
   if (windows) glfwTerminate();
   fprintf(stderr, "[kavlen] bye\n");
   return 0;

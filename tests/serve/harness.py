@@ -1,14 +1,17 @@
 """Runs a real `kavlen serve` under its own Xvfb for the channel tests, and
 drives it with the standalone client of examples/clients (its own WebSocket
 framing and codecs, apart from the host's)."""
+import ctypes
 import os
 import re
+import struct
 import signal
 import subprocess
 import sys
 import tempfile
 import threading
 import time
+import zlib
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 SOURCE = os.path.abspath(os.path.join(HERE, "..", ".."))
@@ -129,3 +132,140 @@ def jpeg_size(data):
             return (data[i + 7] << 8) | data[i + 8], (data[i + 5] << 8) | data[i + 6]
         i += 2 + length
     return None
+
+
+# ---------------------------------------------------------------- X11 helpers
+
+def windows(display):
+    """{name: (id, width, height, x, y)} of the X server's top-level windows."""
+    tree = subprocess.run(["xwininfo", "-root", "-tree", "-display", display], capture_output=True,
+                          text=True).stdout
+    out = {}
+    for line in tree.splitlines():
+        m = re.match(r'\s*(0x[0-9a-f]+) "(.*)": \(.*\)\s+(\d+)x(\d+)\+(-?\d+)\+(-?\d+)', line)
+        if m:
+            out[m.group(2)] = (m.group(1), int(m.group(3)), int(m.group(4)), int(m.group(5)), int(m.group(6)))
+    return out
+
+
+def wait_window(display, name, timeout=10, want=None):
+    """The window named `name` (optionally once its geometry is `want`)."""
+    end = time.time() + timeout
+    while time.time() < end:
+        w = windows(display).get(name)
+        if w and (want is None or w[1:] == want):
+            return w
+        time.sleep(0.1)
+    return windows(display).get(name)
+
+
+def screenshot(display, window_id):
+    """(width, height, rgb bytes) of a window, read with xwd."""
+    data = subprocess.run(["xwd", "-id", window_id, "-silent", "-display", display], capture_output=True,
+                          check=True).stdout
+    h = struct.unpack(">25I", data[:100])
+    header_size, width, height = h[0], h[4], h[5]
+    bits_per_pixel, bytes_per_line, ncolors = h[11], h[12], h[19]
+    if bits_per_pixel != 32:
+        raise ValueError("xwd: %d bits a pixel" % bits_per_pixel)
+    red, green, blue = h[14], h[15], h[16]
+    byte_order = h[7]
+    pix = data[header_size + ncolors * 12:]
+    out = bytearray(width * height * 3)
+    shifts = [(m & -m).bit_length() - 1 for m in (red, green, blue)]
+    fmt = ">I" if byte_order else "<I"
+    for y in range(height):
+        row = pix[y * bytes_per_line:y * bytes_per_line + width * 4]
+        vals = struct.unpack(fmt[0] + "%dI" % width, row)
+        o = y * width * 3
+        for x, v in enumerate(vals):
+            out[o + 3 * x] = (v >> shifts[0]) & 255
+            out[o + 3 * x + 1] = (v >> shifts[1]) & 255
+            out[o + 3 * x + 2] = (v >> shifts[2]) & 255
+    return width, height, bytes(out)
+
+
+def read_png(path):
+    """(width, height, rgb bytes) of an 8-bit RGB or RGBA PNG."""
+    with open(path, "rb") as f:
+        data = f.read()
+    pos, idat, width = 8, b"", 0
+    while pos < len(data):
+        n, kind = struct.unpack(">I4s", data[pos:pos + 8])
+        body = data[pos + 8:pos + 8 + n]
+        if kind == b"IHDR":
+            width, height, depth, color = struct.unpack(">IIBB", body[:10])
+            if depth != 8 or color not in (2, 6):
+                raise ValueError("unsupported PNG")
+            bpp = 3 if color == 2 else 4
+        elif kind == b"IDAT":
+            idat += body
+        pos += 12 + n
+    raw = zlib.decompress(idat)
+    stride = width * bpp
+    prev = bytearray(stride)
+    out = bytearray()
+    for y in range(height):
+        ftype = raw[y * (stride + 1)]
+        line = bytearray(raw[y * (stride + 1) + 1:(y + 1) * (stride + 1)])
+        for i in range(stride):
+            a = line[i - bpp] if i >= bpp else 0
+            b = prev[i]
+            c = prev[i - bpp] if i >= bpp else 0
+            if ftype == 1:
+                line[i] = (line[i] + a) & 255
+            elif ftype == 2:
+                line[i] = (line[i] + b) & 255
+            elif ftype == 3:
+                line[i] = (line[i] + (a + b) // 2) & 255
+            elif ftype == 4:
+                p = a + b - c
+                pa, pb, pc = abs(p - a), abs(p - b), abs(p - c)
+                line[i] = (line[i] + (a if pa <= pb and pa <= pc else b if pb <= pc else c)) & 255
+        prev = line
+        if bpp == 3:
+            out += line
+        else:
+            for x in range(width):
+                out += line[4 * x:4 * x + 3]
+    return width, height, bytes(out)
+
+
+def close_window(display, window_id):
+    """Asks a window to close as a window manager does (WM_DELETE_WINDOW)."""
+    x = ctypes.CDLL("libX11.so.6")
+    x.XOpenDisplay.restype = ctypes.c_void_p
+    x.XOpenDisplay.argtypes = [ctypes.c_char_p]
+    x.XInternAtom.restype = ctypes.c_ulong
+    x.XInternAtom.argtypes = [ctypes.c_void_p, ctypes.c_char_p, ctypes.c_int]
+    x.XSendEvent.argtypes = [ctypes.c_void_p, ctypes.c_ulong, ctypes.c_int, ctypes.c_long, ctypes.c_void_p]
+    x.XFlush.argtypes = [ctypes.c_void_p]
+    x.XCloseDisplay.argtypes = [ctypes.c_void_p]
+
+    class ClientMessage(ctypes.Structure):
+        _fields_ = [("type", ctypes.c_int), ("serial", ctypes.c_ulong), ("send_event", ctypes.c_int),
+                    ("display", ctypes.c_void_p), ("window", ctypes.c_ulong), ("message_type", ctypes.c_ulong),
+                    ("format", ctypes.c_int), ("data", ctypes.c_long * 5), ("pad", ctypes.c_long * 12)]
+
+    dpy = x.XOpenDisplay(display.encode())
+    ev = ClientMessage()
+    ev.type = 33  # ClientMessage
+    ev.window = int(window_id, 16)
+    ev.message_type = x.XInternAtom(dpy, b"WM_PROTOCOLS", 0)
+    ev.format = 32
+    ev.data[0] = x.XInternAtom(dpy, b"WM_DELETE_WINDOW", 0)
+    ev.data[1] = 0  # CurrentTime
+    x.XSendEvent(dpy, ev.window, 0, 0, ctypes.byref(ev))
+    x.XFlush(dpy)
+    x.XCloseDisplay(dpy)
+
+
+def compare(a, b):
+    """(share of pixels within 2 levels on every channel, largest difference)."""
+    assert len(a) == len(b)
+    close, worst = 0, 0
+    for i in range(0, len(a), 3):
+        d = max(abs(a[i] - b[i]), abs(a[i + 1] - b[i + 1]), abs(a[i + 2] - b[i + 2]))
+        worst = max(worst, d)
+        close += d <= 2
+    return close / (len(a) // 3), worst

@@ -1,0 +1,84 @@
+#include "gl_output_sink.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "gl_output_renderer.h"
+
+#define GLFW_INCLUDE_NONE
+#include <GLFW/glfw3.h>
+
+namespace kavlen::output {
+
+bool glDisabledByEnvironment() {
+  const char* v = std::getenv("KAVLEN_NO_GL");
+  return v && *v && std::strcmp(v, "0") != 0;
+}
+
+std::unique_ptr<GlOutputSink> GlOutputSink::create(const std::string& title,
+                                                   std::function<std::string()> mediaRoot) {
+  if (glDisabledByEnvironment()) return nullptr;
+  glfwDefaultWindowHints();
+  glfwWindowHint(GLFW_VISIBLE, GLFW_FALSE);
+  glfwWindowHint(GLFW_CLIENT_API, GLFW_OPENGL_ES_API);
+  glfwWindowHint(GLFW_CONTEXT_CREATION_API, GLFW_EGL_CONTEXT_API);
+  glfwWindowHint(GLFW_CONTEXT_VERSION_MAJOR, 3);
+  glfwWindowHint(GLFW_CONTEXT_VERSION_MINOR, 0);
+  GLFWwindow* w = glfwCreateWindow(960, 540, title.c_str(), nullptr, nullptr);
+  glfwDefaultWindowHints();
+  if (!w) return nullptr;
+  GLFWwindow* previous = glfwGetCurrentContext();
+  glfwMakeContextCurrent(w);
+  glfwSwapInterval(1);
+  std::unique_ptr<GlOutputSink> sink(new GlOutputSink);
+  sink->window_ = w;
+  sink->renderer_ = GlOutputRenderer::create(std::move(mediaRoot));
+  if (!sink->renderer_) {
+    glfwMakeContextCurrent(previous);
+    glfwDestroyWindow(w);
+    sink->window_ = nullptr;
+    return nullptr;
+  }
+  return sink;
+}
+
+GlOutputSink::~GlOutputSink() {
+  close();
+  if (window_) {
+    // The renderer's GL names die with the context; delete them while it is current.
+    if (makeCurrent()) renderer_.reset();
+    glfwMakeContextCurrent(nullptr);
+    renderer_.reset();
+    glfwDestroyWindow(window_);
+  }
+}
+
+bool GlOutputSink::makeCurrent() {
+  if (!window_) return false;
+  if (glfwGetCurrentContext() != window_) glfwMakeContextCurrent(window_);
+  return glfwGetCurrentContext() == window_;
+}
+
+void GlOutputSink::send(const std::string& state) {
+  if (closed_ || !renderer_) return;
+  // "mediaReset" tears down players and GL objects: the context must be ours.
+  makeCurrent();
+  renderer_->setState(state);
+}
+
+void GlOutputSink::frame() {
+  if (closed_ || !renderer_ || !makeCurrent()) return;
+  int w = 0, h = 0;
+  glfwGetFramebufferSize(window_, &w, &h);
+  if (w < 1 || h < 1) return;
+  if (!renderer_->draw(GlTarget{0, w, h})) return;
+  glfwSwapBuffers(window_);
+}
+
+void GlOutputSink::close() {
+  if (closed_) return;
+  closed_ = true;
+  if (renderer_ && makeCurrent()) renderer_->release();
+}
+
+}  // namespace kavlen::output
