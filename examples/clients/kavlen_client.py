@@ -278,6 +278,7 @@ class WebSocket:
         self.status = int(head.split(b" ")[1])
         if self.status != 101:
             raise ConnectionRefusedError("upgrade refused: HTTP %d" % self.status)
+        self.sock.settimeout(None)  # the upgrade may time out, an idle connection not
         self.close_code = None
 
     def _recv(self, n):
