@@ -110,6 +110,8 @@ TEST_F(OutputState, PendingSceneHandOverSizeChangesAndMediaReset) {
   // mediaReset forgets the declarations, keeps the engine, and is no state.
   const int64_t generation = core.shared().sceneGeneration;
   EXPECT_FALSE(core.setState("mediaReset").has_value());
+  EXPECT_EQ(core.declared().size(), 1u);  // carried out at the head of the next frame
+  core.applyPendingReset();
   EXPECT_TRUE(core.declared().empty() && core.engine() == e && core.shared().sceneGeneration == generation);
   const_cast<KeySet&>(core.declared()).insert("wall.png");
 

@@ -74,6 +74,7 @@ GlOutputRenderer::~GlOutputRenderer() {
 
 void GlOutputRenderer::mediaReset() {
   // The video players go; the still-image, text and mask textures stay.
+  stats_.mediaResets++;
   teardownVideos();
   OutputRendererCore::mediaReset();
 }
@@ -137,12 +138,12 @@ void GlOutputRenderer::frameSteps(int64_t tUs, const GlTarget& target) {
     std::lock_guard<std::mutex> g(lock_);
     mode = s_.mode;
   }
-  if (mode == "blackout") {
-    beginPass(target.framebuffer, target.clear, target.clearColor);
-    return;
-  }
-  if (mode == "testPattern") {
-    if (beginPass(target.framebuffer, target.clear, target.clearColor)) drawTestPattern(target);
+  applyPendingReset();
+  if (mode == "blackout" || mode == "testPattern") {
+    // The scene is not shown, but its videos keep their clocks and loops.
+    if (engine_ && !videoFrameProvider) syncVideos(false);
+    if (beginPass(target.framebuffer, target.clear, target.clearColor) && mode == "testPattern")
+      drawTestPattern(target);
     return;
   }
   applyPendingScene();

@@ -76,6 +76,7 @@ class GlOutputRenderer : public OutputRendererCore {
     int64_t maskUploads = 0;
     int64_t patternDraws = 0;    // charts drawn on the processor
     int64_t frames = 0;
+    int64_t mediaResets = 0;
   };
 
   // Nothing when no GL context is current (no message) or when the shaders
@@ -117,8 +118,10 @@ class GlOutputRenderer : public OutputRendererCore {
 
   // Videos (gl_video_source.cpp): opens, steers, updates and closes the
   // players that the scene and the state's positions need; runs once per
-  // scene frame. `videoOptions` go to every new player.
-  void syncVideos();
+  // frame, also while the scene is not drawn (blackout, test pattern), so a
+  // video's clock and loop go on as if it were: `upload` false then leaves
+  // the textures alone. `videoOptions` go to every new player.
+  void syncVideos(bool upload = true);
   VideoPlayer::Options videoOptions;
   const GlVideoSource* videoSource(std::string_view key) const;
   size_t videoCount() const { return videos_.size(); }

@@ -437,7 +437,7 @@ const GlVideoSource* GlOutputRenderer::videoSource(std::string_view key) const {
   return it == videos_.end() ? nullptr : it->second.get();
 }
 
-void GlOutputRenderer::syncVideos() {
+void GlOutputRenderer::syncVideos(bool upload) {
   if (!engine_) return;
   std::map<std::string, int64_t> positions;
   std::map<std::string, double> speeds;
@@ -486,7 +486,7 @@ void GlOutputRenderer::syncVideos() {
     } else {
       v.freeRun();
     }
-    if (gl) v.update();
+    if (gl && upload) v.update();
     if (v.width() > 1 && declared_.find(key) == declared_.end()) {
       kvl_engine_declare_source(engine_, key.c_str(), v.width(), v.height());
       declared_.insert(key);

@@ -61,7 +61,12 @@ std::optional<OutputRendererCore::Accepted> OutputRendererCore::setState(std::st
   OutputState st;
   switch (parseOutputState(outputStateJson, st)) {
     case OutputStateKind::MediaReset:
-      mediaReset();
+      // Players and GL objects belong to the drawing thread: the reset waits
+      // for the head of its next frame.
+      {
+        std::lock_guard<std::mutex> g(lock_);
+        resetPending_ = true;
+      }
       return std::nullopt;
     case OutputStateKind::Rejected:
       return std::nullopt;
@@ -116,7 +121,18 @@ void OutputRendererCore::release() {
   }
 }
 
+void OutputRendererCore::applyPendingReset() {
+  bool reset = false;
+  {
+    std::lock_guard<std::mutex> g(lock_);
+    reset = resetPending_;
+    resetPending_ = false;
+  }
+  if (reset) mediaReset();
+}
+
 void OutputRendererCore::applyPendingScene() {
+  applyPendingReset();
   std::optional<std::string> scene;
   int32_t w = 0, h = 0;
   {

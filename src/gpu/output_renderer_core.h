@@ -9,7 +9,8 @@
 //
 // Threading: setState may be called from any thread; everything else
 // (applyPendingScene, stepAudio, mediaReset, release, the engine) belongs to
-// the drawing thread.
+// the drawing thread. A "mediaReset" text is therefore only noted by
+// setState and carried out at the head of the next frame.
 #pragma once
 
 #include <cstdarg>
@@ -67,7 +68,7 @@ class OutputRendererCore {
   OutputRendererCore& operator=(const OutputRendererCore&) = delete;
 
   // Accepts one output state text. Nothing for "mediaReset" (which runs
-  // mediaReset) and for a text that is ignored.
+  // mediaReset at the head of the next frame) and for a text that is ignored.
   std::optional<Accepted> setState(std::string_view outputStateJson);
   // The inner step: stores a state under the lock and logs it.
   void setState(const std::string& sceneJson, int32_t sceneW, int32_t sceneH, const std::string& mode,
@@ -76,7 +77,10 @@ class OutputRendererCore {
   virtual void mediaReset();
   virtual void release();
 
-  // Head of a scene frame: hands the latest pending scene to the engine.
+  // Head of a frame: runs a mediaReset that setState noted.
+  void applyPendingReset();
+  // Head of a scene frame: runs a noted reset, then hands the latest pending
+  // scene to the engine.
   void applyPendingScene();
   // Sets the engine's audio clock and steps its envelopes.
   AudioStep stepAudio();
@@ -104,6 +108,7 @@ class OutputRendererCore {
   std::function<std::string()> mediaRoot_;
   mutable std::mutex lock_;
   Shared s_;  // guarded by lock_
+  bool resetPending_ = false;  // guarded by lock_
 
   std::optional<std::string> engineMediaRoot_;
   kvl_engine* engine_ = nullptr;

@@ -61,8 +61,6 @@ bool GlOutputSink::makeCurrent() {
 
 void GlOutputSink::send(const std::string& state) {
   if (closed_ || !renderer_) return;
-  // "mediaReset" tears down players and GL objects: the context must be ours.
-  makeCurrent();
   renderer_->setState(state);
 }
 

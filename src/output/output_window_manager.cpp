@@ -286,9 +286,15 @@ void OutputWindowManager::openOutput(const std::string& id, const std::optional<
       });
     }
   });
-  glfwSetWindowSizeCallback(w, [](GLFWwindow* win, int, int) {
+  glfwSetWindowSizeCallback(w, [](GLFWwindow* win, int width, int height) {
+    // X reports the size set at opening once more, later: only a real change
+    // is news for the interface.
     OutputWindowManager* m = managerOf(win);
-    if (auto oid = m->idOf(win)) m->reportSize(*oid);
+    auto oid = m->idOf(win);
+    if (!oid) return;
+    const Value& c = m->outputs_[*oid]->connected;
+    if (c.getDouble("width") != static_cast<double>(width) || c.getDouble("height") != static_cast<double>(height))
+      m->reportSize(*oid);
   });
   glfwSetWindowRefreshCallback(w, [](GLFWwindow* win) {
     OutputWindowManager* m = managerOf(win);

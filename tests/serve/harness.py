@@ -269,3 +269,69 @@ def compare(a, b):
         worst = max(worst, d)
         close += d <= 2
     return close / (len(a) // 3), worst
+
+
+XORG_CONF = """
+Section "ServerFlags"
+  Option "AutoAddDevices" "false"
+  Option "AutoAddGPU" "false"
+EndSection
+Section "Device"
+  Identifier "dummy"
+  Driver "dummy"
+  VideoRam 256000
+EndSection
+Section "Monitor"
+  Identifier "monitor"
+  HorizSync 5.0 - 1000.0
+  VertRefresh 5.0 - 200.0
+EndSection
+Section "Screen"
+  Identifier "screen"
+  Device "dummy"
+  Monitor "monitor"
+  DefaultDepth 24
+  SubSection "Display"
+    Depth 24
+    Virtual 4096 2160
+  EndSubSection
+EndSection
+"""
+
+
+class XorgDummy:
+    """Xorg with the dummy driver: displays DUMMY0..DUMMY15 that can be
+    plugged and unplugged with xrandr, as projectors are."""
+
+    def __init__(self):
+        self.dir = tempfile.mkdtemp(prefix="kavlen-xorg-", dir=os.environ.get("TMPDIR"))
+        conf = os.path.join(self.dir, "xorg.conf")
+        with open(conf, "w") as f:
+            f.write(XORG_CONF)
+        r, w = os.pipe()
+        self.proc = subprocess.Popen(["Xorg", "-displayfd", str(w), "-noreset", "-nolisten", "tcp", "-config", conf,
+                                      "-configdir", self.dir, "-logfile", os.path.join(self.dir, "x.log")],
+                                     pass_fds=(w,), stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        os.close(w)
+        with os.fdopen(r) as f:
+            self.display = ":" + f.readline().strip()
+        self.xrandr("--output", "DUMMY0", "--mode", "1280x720")
+
+    def xrandr(self, *args):
+        env = dict(os.environ, DISPLAY=self.display)
+        subprocess.run(["xrandr", *args], env=env, check=True, capture_output=True)
+        # Querying makes the server send the change events to its clients.
+        subprocess.run(["xrandr", "-q"], env=env, check=True, capture_output=True)
+
+    def plug(self, output, x):
+        env = dict(os.environ, DISPLAY=self.display)
+        subprocess.run(["xrandr", "--addmode", output, "1280x720"], env=env, capture_output=True)
+        self.xrandr("--output", output, "--mode", "1280x720", "--pos", "%dx0" % x)
+
+    def unplug(self, output):
+        self.xrandr("--output", output, "--off")
+
+    def stop(self):
+        self.proc.terminate()
+        self.proc.wait(timeout=10)
+        subprocess.run(["rm", "-rf", self.dir], check=False)
