@@ -91,6 +91,7 @@ struct Client {
 
   explicit Client(uint16_t port) {
     ws.next_layer().connect({net::ip::make_address("127.0.0.1"), port});
+    ws.next_layer().set_option(net::ip::tcp::no_delay(true));
     ws.handshake("127.0.0.1", "/channels");
     ws.binary(true);
   }

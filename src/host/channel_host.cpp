@@ -320,6 +320,9 @@ void ChannelHost::Impl::accept() {
     if (!ec) {
       beast::error_code pec;
       const auto ep = s.remote_endpoint(pec);
+      // Calls and replies are small messages that wait for each other:
+      // Nagle's delay would stall every round trip.
+      s.set_option(tcp::no_delay(true), pec);
       auto session = std::make_shared<HttpSession>(self, std::move(s));
       if (!pec) session->peer_ = ep.address().to_string() + ":" + std::to_string(ep.port());
       session->read();
