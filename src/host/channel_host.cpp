@@ -83,8 +83,11 @@ struct ChannelHost::Impl : std::enable_shared_from_this<ChannelHost::Impl> {
 
 class WsSession : public std::enable_shared_from_this<WsSession> {
  public:
-  WsSession(std::shared_ptr<ChannelHost::Impl> host, beast::tcp_stream&& stream, bool json, uint64_t id)
-      : host_(std::move(host)), ws_(std::move(stream)), json_(json), id_(id) {}
+  // Sessions live inside the host's I/O context (in its handlers and its
+  // session set), so a plain pointer back to the host cannot dangle, and
+  // keeps the host free of a reference cycle through its own handlers.
+  WsSession(ChannelHost::Impl* host, beast::tcp_stream&& stream, bool json, uint64_t id)
+      : host_(host), ws_(std::move(stream)), json_(json), id_(id) {}
 
   bool json() const { return json_; }
   uint64_t id() const { return id_; }
@@ -123,9 +126,11 @@ class WsSession : public std::enable_shared_from_this<WsSession> {
     ws_.async_close(code, [self = shared_from_this()](beast::error_code) { self->finish(); });
   }
 
-  void shutdown() {
-    beast::error_code ec;
-    beast::get_lowest_layer(ws_).socket().close(ec);
+  // Sends what is queued, then closes with "going away": the last calls of
+  // a host that ends ("displayDisconnected") still reach the client.
+  void closeGracefully() {
+    goingAway_ = true;
+    if (out_.empty()) closeWith(websocket::close_code::going_away);
   }
 
  private:
@@ -170,7 +175,10 @@ class WsSession : public std::enable_shared_from_this<WsSession> {
       self->queued_ -= self->out_.front().data->size();
       self->out_.pop_front();
       if (ec) return self->finish();
-      if (!self->out_.empty()) self->write();
+      if (!self->out_.empty())
+        self->write();
+      else if (self->goingAway_)
+        self->closeWith(websocket::close_code::going_away);
     });
   }
 
@@ -178,7 +186,7 @@ class WsSession : public std::enable_shared_from_this<WsSession> {
     if (finished_) return;
     finished_ = true;
     closed_ = true;
-    auto host = host_;
+    ChannelHost::Impl* host = host_;
     host->sessions.erase(shared_from_this());
     {
       std::lock_guard lock(host->clientsMutex);
@@ -187,7 +195,7 @@ class WsSession : public std::enable_shared_from_this<WsSession> {
     host->notifyClientsChanged();
   }
 
-  std::shared_ptr<ChannelHost::Impl> host_;
+  ChannelHost::Impl* host_;
   websocket::stream<beast::tcp_stream> ws_;
   beast::flat_buffer buffer_;
   std::deque<OutFrame> out_;
@@ -196,6 +204,7 @@ class WsSession : public std::enable_shared_from_this<WsSession> {
   uint64_t id_;
   bool closed_ = false;
   bool finished_ = false;
+  bool goingAway_ = false;
 };
 
 namespace {
@@ -205,7 +214,7 @@ namespace {
 // WebSocket session.
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
  public:
-  HttpSession(std::shared_ptr<ChannelHost::Impl> host, tcp::socket&& s) : host_(std::move(host)), stream_(std::move(s)) {}
+  HttpSession(ChannelHost::Impl* host, tcp::socket&& s) : host_(host), stream_(std::move(s)) {}
 
   void read() {
     parser_.emplace();
@@ -262,9 +271,10 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     const unsigned version = req.version();
     const bool keepAlive = req.keep_alive();
     auto self = shared_from_this();
-    host_->loop.post([self, r, head, version, keepAlive] {
-      self->host_->httpHandler(r, [self, head, version, keepAlive](HttpResponse out) {
-        net::post(self->host_->ioc, [self, out = std::move(out), head, version, keepAlive]() mutable {
+    auto host = host_->shared_from_this();
+    host_->loop.post([self, host, r, head, version, keepAlive] {
+      host->httpHandler(r, [self, host, head, version, keepAlive](HttpResponse out) {
+        net::post(host->ioc, [self, out = std::move(out), head, version, keepAlive]() mutable {
           auto res = std::make_shared<http::response<http::string_body>>(static_cast<http::status>(out.status), version);
           res->set(http::field::server, "kavlen");
           res->set(http::field::content_type, out.contentType);
@@ -306,7 +316,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
   std::string peer_;
 
  private:
-  std::shared_ptr<ChannelHost::Impl> host_;
+  ChannelHost::Impl* host_;
   beast::tcp_stream stream_;
   beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::string_body>> parser_;
@@ -315,7 +325,9 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
 }  // namespace
 
 void ChannelHost::Impl::accept() {
-  acceptor->async_accept(net::make_strand(ioc), [self = shared_from_this()](beast::error_code ec, tcp::socket s) {
+  // The handler lives in this host's I/O context: a plain pointer, as for
+  // the sessions.
+  acceptor->async_accept(ioc, [self = this](beast::error_code ec, tcp::socket s) {
     if (ec == net::error::operation_aborted || !self->acceptor->is_open()) return;
     if (!ec) {
       beast::error_code pec;
@@ -392,23 +404,20 @@ void ChannelHost::stop() {
   net::post(impl_->ioc, [impl = impl_] {
     beast::error_code ec;
     if (impl->acceptor) impl->acceptor->close(ec);
-    for (const auto& s : std::vector(impl->sessions.begin(), impl->sessions.end())) s->shutdown();
+    for (const auto& s : std::vector(impl->sessions.begin(), impl->sessions.end())) s->closeGracefully();
   });
-  // Give the sessions a moment to see their sockets close, then stop.
+  // Clients get two seconds to take their last frames and the close; a
+  // client that does not answer is cut off then.
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
   while (std::chrono::steady_clock::now() < deadline) {
-    bool empty = false;
-    net::post(impl_->ioc, [&] {});
     {
       std::lock_guard lock(impl_->clientsMutex);
-      empty = impl_->clientList.empty();
+      if (impl_->clientList.empty()) break;
     }
-    if (empty) break;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   impl_->ioc.stop();
   impl_->ioThread.join();
-  net::post(impl_->ioc, [] {});
   impl_->sessions.clear();
 }
 
