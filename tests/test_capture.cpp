@@ -85,6 +85,26 @@ kvl_audio_state readSource(const std::string& id) {
   return st;
 }
 
+// Waits until a capture of each sink sees data: the sinks then run in short
+// blocks, and every test can expect a live source within a few blocks.
+void settle() {
+  kavlen::capture::setLogSink([](const std::string&) {});
+  {
+    MainLoop loop;
+    AudioInput probe;
+    probe.setSources({{"settle.tone", "tone.monitor", {}}, {"settle.st", "st.monitor", {}}, {"settle.drums", "drums.monitor", {}}},
+                     loop, [](AudioInput::Results) {});
+    loop.runUntil(
+        [] {
+          for (const char* id : {"settle.tone", "settle.st", "settle.drums"})
+            if (!readSource(id).live) return false;
+          return true;
+        },
+        5s);
+  }
+  kavlen::capture::setLogSink({});
+}
+
 // One daemon for the whole executable: a tone on the default device
 // ("tone.monitor"), a stereo sink for channel plans and one for drum loops.
 // Signals are played with a short latency so the sinks run in short blocks
@@ -107,6 +127,7 @@ pulsetest::PulseServer& server() {
       // Endless silence keeps the other sinks in short blocks too.
       for (const char* sink : {"st", "drums"})
         p->play("/dev/zero", sink, {"--raw", "--format=float32le", "--rate=48000", "--channels=2"});
+      settle();
     }
     return p;
   }();
@@ -147,7 +168,10 @@ class Logs {
 
 class CaptureTest : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() { static ServerReaper reaper; }
+  static void SetUpTestSuite() {
+    static ServerReaper reaper;
+    server();
+  }
   void SetUp() override {
     ASSERT_TRUE(server().ok()) << server().error();
     kvl_audio_set_gain(1.0f);
