@@ -258,9 +258,22 @@ TEST_F(CaptureTest, ChannelAnswersEachSourceAndAnEmptyListStopsAll) {
   EXPECT_TRUE(waitLive({"ch.def", "ch.named", "ch.odd"}));
   EXPECT_FALSE(readSource("ch.bad").live);
 
-  EXPECT_EQ(m.callAndWait("app.kavlen/audio", "setGain", Value::map({{"gain", 2.0}})), MethodResult::success());
-  EXPECT_EQ(m.callAndWait("app.kavlen/audio", "setGain", 0.5), MethodResult::success());
-  EXPECT_EQ(m.callAndWait("app.kavlen/audio", "setGain", 1), MethodResult::success());
+  // The gain as the analyser hears it: a quiet sine pushed straight in.
+  auto levelAfterGain = [&](const Value& gain) {
+    EXPECT_EQ(m.callAndWait("app.kavlen/audio", "setGain", gain), MethodResult::success());
+    kvl_audio_source_start("gain.probe", kRate);
+    const std::vector<float> tone = stereoSines(0.02, 0.02, 1000, 4096.0 / kRate);
+    std::vector<float> mono(tone.size() / 2);
+    for (size_t i = 0; i < mono.size(); i++) mono[i] = tone[2 * i];
+    kvl_audio_source_push("gain.probe", mono.data(), static_cast<int32_t>(mono.size()));
+    const float level = readSource("gain.probe").level;
+    kvl_audio_source_stop("gain.probe");
+    return level;
+  };
+  EXPECT_NEAR(levelAfterGain(0.5), quietSineLevel(0.01), 0.02);
+  EXPECT_NEAR(levelAfterGain(Value::map({{"gain", 0.5}})), quietSineLevel(0.02), 0.02);  // not a number: 1
+  EXPECT_NEAR(levelAfterGain(2), quietSineLevel(0.04), 0.02);
+  EXPECT_NEAR(levelAfterGain("0.5"), quietSineLevel(0.02), 0.02);
   EXPECT_EQ(m.callAndWait("app.kavlen/audio", "start"), MethodResult::notImplemented());
 
   // A list holding something other than maps counts as an empty list.
