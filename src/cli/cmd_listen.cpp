@@ -5,6 +5,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <cmath>
@@ -134,6 +135,9 @@ int cmd_listen(int argc, char** argv) {
     logs.live = true;
   }
 
+  // With --seconds, one line for each tenth of a second, however late the
+  // ticks come on a busy machine.
+  const long lines = seconds > 0 ? std::max(1L, static_cast<long>(std::ceil(seconds * 10 - 1e-9))) : 0;
   const auto start = std::chrono::steady_clock::now();
   for (long tick = 1; !g_stop; tick++) {
     const auto due = start + std::chrono::milliseconds(100 * tick);
@@ -163,7 +167,7 @@ int cmd_listen(int argc, char** argv) {
              st.live ? "" : "  (no signal)");
     }
     fflush(stdout);
-    if (seconds > 0 && t + 0.05 >= seconds) break;
+    if (seconds > 0 && tick >= lines) break;
   }
   if (!json) printf("\n");
   return 0;
