@@ -397,8 +397,9 @@ void Watcher::onEvent(void* context, int facilityAndType, uint32_t index, void* 
     pa_operation* op = pa_context_get_server_info(
         static_cast<pa_context*>(context),
         [](pa_context*, const pa_server_info* info, void* user) {
+          if (!info) return;  // the connection is closing
           auto* me = static_cast<Watcher*>(user);
-          const std::string now = info && info->default_source_name ? info->default_source_name : "";
+          const std::string now = info->default_source_name ? info->default_source_name : "";
           if (now == me->defaultSource_) return;
           me->defaultSource_ = now;
           me->emit({ServerEvent::Kind::DefaultChanged});
