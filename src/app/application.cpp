@@ -11,6 +11,8 @@
 #define GLFW_INCLUDE_NONE
 #include <GLFW/glfw3.h>
 
+#include "audio_input.h"
+#include "audio_input_plugin.h"
 #include "channel_host.h"
 #include "main_loop.h"
 #include "main_window.h"
@@ -124,6 +126,7 @@ int runApplication(const std::vector<std::string>& paths) {
 
   outputs.attachMain(channels);
   services::WaveformPlugin::registerWith(channels, loop, workers);
+  capture::AudioInputPlugin::registerWith(channels, loop);
   services::ThumbnailPlugin::registerWith(channels, loop, workers);
 
   if (!channels.start(port, error)) {
@@ -162,6 +165,9 @@ int runApplication(const std::vector<std::string>& paths) {
   loop.run();
 
   outputs.closeAll();
+  // Captures stop before the loop their answers go to is gone.
+  capture::AudioInput::shared().stopAll();
+  capture::AudioInput::shared().isRunning();
   channels.stop();
   workers.shutdown();
   window.reset();

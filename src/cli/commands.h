@@ -7,6 +7,8 @@ int cmd_render(int argc, char** argv);
 int cmd_analyze(int argc, char** argv);
 int cmd_waveform(int argc, char** argv);
 int cmd_thumbnail(int argc, char** argv);
+int cmd_devices(int argc, char** argv);
+int cmd_listen(int argc, char** argv);
 int cmd_serve(int argc, char** argv);
 // True for a path the application opens as a project ("*.kvln", any case).
 bool looks_like_project(const char* arg);

@@ -106,7 +106,9 @@ void SerialQueue::queueMain() {
     }
     auto first = tasks_.begin();
     if (first->first > Clock::now()) {
-      cv_.wait_until(lock, first->first);
+      // A copy: the destructor may drop the task (and its key) while we wait.
+      const Clock::time_point due = first->first;
+      cv_.wait_until(lock, due);
       continue;
     }
     Task task = std::move(first->second);
