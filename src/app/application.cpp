@@ -3,6 +3,10 @@
 #include <pthread.h>
 #include <signal.h>
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
+
 #include <atomic>
 #include <cstdio>
 #include <ctime>
@@ -172,6 +176,12 @@ int runApplication(const std::vector<std::string>& paths) {
   workers.shutdown();
   window.reset();
   outputsOwner.reset();
+#if defined(__SANITIZE_ADDRESS__)
+  // Under the leak checker: check now, while the GL driver is still loaded;
+  // glfwTerminate unloads it, and what it leaked could then no longer be
+  // named (nor suppressed).
+  __lsan_do_leak_check();
+#endif
   if (windows) glfwTerminate();
   fprintf(stderr, "[kavlen] bye\n");
   return 0;

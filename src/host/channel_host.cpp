@@ -394,14 +394,14 @@ bool ChannelHost::start(uint16_t port, std::string& error) {
     return false;
   }
   impl_->accept();
-  impl_->ioThread = std::thread([impl = impl_] { impl->ioc.run(); });
+  impl_->ioThread = std::thread([impl = impl_.get()] { impl->ioc.run(); });
   fprintf(stderr, "[kavlen] channels on ws://127.0.0.1:%u/channels\n", impl_->boundPort);
   return true;
 }
 
 void ChannelHost::stop() {
   if (!impl_->ioThread.joinable()) return;
-  net::post(impl_->ioc, [impl = impl_] {
+  net::post(impl_->ioc, [impl = impl_.get()] {
     beast::error_code ec;
     if (impl->acceptor) impl->acceptor->close(ec);
     for (const auto& s : std::vector(impl->sessions.begin(), impl->sessions.end())) s->closeGracefully();
@@ -435,7 +435,10 @@ void ChannelHost::invokeMethod(const std::string& channel, const std::string& me
   auto binary = bytesToString(
       wire::buildBinary(wire::kCall, id, channel, standard::encodeMethodCall(MethodCall{method, args})));
   auto text = std::make_shared<const std::string>(wire::buildTextCall(channel, Value(int64_t{id}), method, args));
-  net::post(impl_->ioc, [impl = impl_, binary, text] {
+  // Handlers posted to the I/O context hold a plain pointer: they run only
+  // while the context runs, which the host outlives, and a shared one left in
+  // a stopped context would keep the host alive through itself.
+  net::post(impl_->ioc, [impl = impl_.get(), binary, text] {
     for (const auto& s : impl->sessions) s->send(OutFrame{s->json(), s->json() ? text : binary});
   });
 }

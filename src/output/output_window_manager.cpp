@@ -306,7 +306,8 @@ void OutputWindowManager::openOutput(const std::string& id, const std::optional<
   changed();
 }
 
-void OutputWindowManager::closeOutput(const std::string& id) {
+void OutputWindowManager::closeOutput(const std::string& idRef) {
+  const std::string id = idRef;  // the caller's text may be the map's own key
   auto it = outputs_.find(id);
   if (it == outputs_.end()) return;
   std::unique_ptr<Output> o = std::move(it->second);

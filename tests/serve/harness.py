@@ -89,11 +89,15 @@ class Serve:
         if self.proc.poll() is None:
             self.proc.send_signal(sig)
         try:
-            return self.proc.wait(timeout=timeout)
+            rc = self.proc.wait(timeout=timeout)
         except subprocess.TimeoutExpired:
             self.proc.kill()
             self.proc.wait()
             raise
+        if rc != 0:  # say why in the test's log
+            self._reader.join(timeout=5)
+            sys.stderr.write("kavlen serve exited with %d; its last lines:\n%s\n" % (rc, "\n".join(self.lines[-60:])))
+        return rc
 
 
 def ffmpeg(*args):

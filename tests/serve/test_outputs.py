@@ -187,6 +187,25 @@ class CpuSink(unittest.TestCase):
 
 
 class Startup(unittest.TestCase):
+    def test_closing_the_main_window_closes_every_output_and_ends(self):
+        x = Xvfb("1280x800x24")
+        s = Serve(x.display)
+        try:
+            c = s.client()
+            c.call(DISPLAY, "ready")
+            for oid in ("out-1", "out-2"):
+                c.call(DISPLAY, "openOutput", {"outputId": oid})
+            self.assertEqual(len(events_until(c, "displayConnected")) + len(events_until(c, "displayConnected")), 2)
+            main = wait_window(x.display, "Kavlen")
+            self.assertGreaterEqual(main[1:3], (900, 600))
+            close_window(x.display, main[0])
+            gone = sorted(e[2]["outputId"] for e in [c.next_event(), c.next_event()] if e[1] == "displayDisconnected")
+            self.assertEqual(gone, ["out-1", "out-2"])
+            self.assertEqual(s.proc.wait(timeout=10), 0)
+        finally:
+            s.stop()
+            x.stop()
+
     def test_kavlen_output_opens_a_plain_window_after_a_second(self):
         x = Xvfb("1280x800x24")
         s = Serve(x.display, env={"KAVLEN_OUTPUT": "1"})
