@@ -113,7 +113,7 @@ struct MovieWriter::Impl {
   Status status = Status::Writing;
   std::string error;
   bool videoEnded = false, audioEnded = false;
-  bool finishRequested = false, cancelRequested = false, threadDone = false;
+  bool finishRequested = false, cancelRequested = false, threadDone = false, paused = false;
   int64_t lastVideoMs = -1, nextAudioFrame = 0;
   Timing timing;
   std::thread thread;
@@ -437,7 +437,7 @@ bool MovieWriter::Impl::finalize(std::string& err) {
 void MovieWriter::Impl::run() {
   for (;;) {
     std::unique_lock lock(mutex);
-    work.wait(lock, [&] { return cancelRequested || !queue.empty() || finishRequested; });
+    work.wait(lock, [&] { return cancelRequested || (!paused && (!queue.empty() || finishRequested)); });
     if (cancelRequested) break;
     if (queue.empty()) {  // finish requested and all written
       bool failed = status == Status::Failed;
@@ -627,6 +627,7 @@ bool MovieWriter::finishWriting(std::string& error) {
   }
   m.videoEnded = m.audioEnded = true;
   m.finishRequested = true;
+  m.paused = false;  // a paused writer would never finish
   if (m.status == Status::Writing) m.status = Status::Finishing;
   m.work.notify_one();
   m.ready.notify_all();
@@ -666,6 +667,17 @@ void MovieWriter::cancel() {
   // failed one stays for the caller, who learns of the failure.
   std::error_code ec;
   if (end == Status::Cancelled) std::filesystem::remove(settings_.path, ec);
+}
+
+void MovieWriter::pause() {
+  std::lock_guard lock(impl_->mutex);
+  impl_->paused = true;
+}
+
+void MovieWriter::resume() {
+  std::lock_guard lock(impl_->mutex);
+  impl_->paused = false;
+  impl_->work.notify_one();
 }
 
 MovieWriter::Status MovieWriter::status() const {

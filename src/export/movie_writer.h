@@ -102,6 +102,11 @@ class MovieWriter {
   // Ends the video and audio if not done yet, drains the queue, flushes the
   // encoders and writes the trailer. Blocks. False with the writer's error.
   bool finishWriting(std::string& error);
+  // While paused the encoding thread takes nothing from the queue, so appends
+  // wait through the back-pressure; resume goes on where it stopped.
+  void pause();
+  void resume();
+
   // Stops encoding, discards what is queued, closes and removes the file.
   // Returns once the encoding thread has stopped. Does nothing after completion.
   void cancel();

@@ -108,6 +108,7 @@ void start(const std::shared_ptr<State>& st, const Value& args, const Reply& rep
   st->width = s.width;
   st->height = s.height;
   st->outputPath = s.path;
+  if (st->options.writerStarted) st->options.writerStarted(st->writer);
   reply(MethodResult::success());
 }
 

@@ -18,6 +18,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <memory>
 
 #include "export_renderer.h"
@@ -27,9 +28,14 @@
 
 namespace kavlen::exporter {
 
+class MovieWriter;
+
 struct ExportOptions {
   // How long "appendFrame" waits for a busy encoder before it gives up.
   std::chrono::milliseconds backPressureLimit{5000};
+  // Called on the main loop with the writer of each export that starts, for
+  // an embedder that watches (or pauses) the encoding.
+  std::function<void(const std::shared_ptr<MovieWriter>&)> writerStarted;
 };
 
 class VideoExportPlugin {
