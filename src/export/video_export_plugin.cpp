@@ -221,8 +221,10 @@ void renderNative(const std::shared_ptr<State>& st, const Value& args, const Rep
       if (renderer) renderer->render(ms, frame->data(), frame->stride);
       // A writer that failed or was cancelled will never be ready again.
       if (!writer->waitUntilReady()) break;
+      // A writer that failed takes no more frames: the loop ends, and the
+      // failure comes out at "finish".
       std::string error;
-      writer->appendFrame(std::move(frame), ms, error);  // a failure comes out at "finish"
+      if (!writer->appendFrame(std::move(frame), ms, error)) break;
       auto now = Clock::now();
       if (std::chrono::duration<double>(now - last).count() > kProgressInterval || i == total - 1) {
         last = now;
