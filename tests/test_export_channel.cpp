@@ -48,13 +48,12 @@ struct RecordingRenderer : ExportRenderer {
 };
 
 struct Channel {
-  explicit Channel(ExportOptions options = {}) {
-    plugin = VideoExportPlugin::registerWith(
-        messenger, loop, pool,
-        [log = log](const Value&, int w, int h, const std::string&) {
-          return std::make_unique<RecordingRenderer>(log, w, h);
-        },
-        std::move(options));
+  explicit Channel(ExportOptions options = {}, bool offlineCompositor = false) {
+    ExportRendererFactory recording = [log = log](const Value&, int w, int h, const std::string&) {
+      return std::make_unique<RecordingRenderer>(log, w, h);
+    };
+    plugin = VideoExportPlugin::registerWith(messenger, loop, pool, offlineCompositor ? nullptr : recording,
+                                             std::move(options));
   }
   MethodResult call(const std::string& method, Value args = {}) {
     auto r = messenger.callAndWait(VideoExportPlugin::kChannel, method, std::move(args));
@@ -249,6 +248,24 @@ TEST(ExportChannelThreads, CancelDuringRenderAndTwoExportsInARow) {
     ASSERT_EQ(c.call("finish"), kOk);
     EXPECT_EQ(exporttest::frameTimesMs(dir + "/" + codec + ".mov").size(), 6u) << codec;
   }
+}
+
+TEST(ExportChannelThreads, OfflineCompositorDrawsTheScene) {
+  Channel c({}, true);
+  std::string path = mediatest::testFolder() + "/scene.mp4";
+  ASSERT_EQ(c.call("start", startArgs(path)), kOk);
+  Value layer = Value::map({{"id", "wall"},
+                            {"corners", ValueList{ValueList{0, 0}, ValueList{1, 0}, ValueList{1, 1}, ValueList{0, 1}}},
+                            {"paint", Value::map({{"type", "color"}, {"argb", int64_t{0xFF2050C0}}})}});
+  Value args = Value::map({{"scene", Value::map({{"mappings", ValueList{layer}}})}, {"lengthMs", 100}, {"mediaRoot", ""}});
+  ASSERT_EQ(c.call("renderNative", args), MethodResult::success("ok"));
+  ASSERT_EQ(c.call("finish"), kOk);
+  auto frames = exporttest::decodeRgba(path, 64, 48);
+  ASSERT_EQ(frames.size(), 3u);
+  const uint8_t* p = frames[2].data() + (24 * 64 + 32) * 4;
+  EXPECT_NEAR(p[0], 0x20, 6);
+  EXPECT_NEAR(p[1], 0x50, 6);
+  EXPECT_NEAR(p[2], 0xC0, 6);
 }
 
 // A disk that fills up midway, as a size limit on a child process.

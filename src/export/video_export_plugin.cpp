@@ -9,6 +9,7 @@
 
 #include "audio_mix.h"
 #include "movie_writer.h"
+#include "native_renderer.h"
 
 namespace kavlen::exporter {
 
@@ -195,10 +196,6 @@ void renderNative(const std::shared_ptr<State>& st, const Value& args, const Rep
     reply(notStarted());
     return;
   }
-  if (!st->factory) {
-    reply(MethodResult::error("native", "this build has no offline renderer"));
-    return;
-  }
   st->cancelNative = false;
   const int fps = st->fps;
   const int64_t total = static_cast<int64_t>(std::ceil(static_cast<double>(*lengthMs) / 1000.0 * fps));
@@ -218,7 +215,7 @@ void renderNative(const std::shared_ptr<State>& st, const Value& args, const Rep
       auto frame = writer->frameBuffer();
       if (!frame) break;  // the movie ends shorter; not an error
       const int64_t ms = static_cast<int64_t>(std::trunc(static_cast<double>(i) * 1000.0 / fps));
-      if (renderer) renderer->render(ms, frame->data(), frame->stride);
+      renderer->render(ms, frame->data(), frame->stride);
       // A writer that failed or was cancelled will never be ready again.
       if (!writer->waitUntilReady()) break;
       // A writer that failed takes no more frames: the loop ends, and the
@@ -231,7 +228,7 @@ void renderNative(const std::shared_ptr<State>& st, const Value& args, const Rep
         postProgress(st, i + 1, total);
       }
     }
-    if (renderer) renderer->stop();
+    renderer->stop();
     renderer.reset();
     answer(MethodResult::success(st->cancelNative ? "cancelled" : "ok"));
   });
@@ -278,7 +275,8 @@ void cancel(const std::shared_ptr<State>& st, const Reply& reply) {
 
 VideoExportPlugin::VideoExportPlugin(host::Messenger& messenger, host::MainLoop& loop, host::WorkerPool& pool,
                                      ExportRendererFactory factory, Options options)
-    : state_(std::make_shared<State>(messenger, loop, pool, std::move(factory), options)) {}
+    : state_(std::make_shared<State>(messenger, loop, pool, factory ? std::move(factory) : nativeRendererFactory(),
+                                     std::move(options))) {}
 
 VideoExportPlugin::~VideoExportPlugin() {
   // A render loop still running on the pool stops before its next frame.

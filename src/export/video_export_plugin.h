@@ -44,7 +44,7 @@ class VideoExportPlugin {
   using Options = ExportOptions;
 
   // Registers the channel; the messenger's handler keeps the plug-in alive.
-  // Without a renderer factory "renderNative" answers the "native" error.
+  // Without a renderer factory the frames are drawn by the offline compositor.
   static std::shared_ptr<VideoExportPlugin> registerWith(host::Messenger& messenger, host::MainLoop& loop,
                                                          host::WorkerPool& pool, ExportRendererFactory factory = {},
                                                          Options options = {});
