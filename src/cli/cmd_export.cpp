@@ -278,9 +278,17 @@ int cmd_export(int argc, char** argv) {
         std::chrono::hours(24 * 365));
     return *result;
   };
+  // The channel's messages name the temporary file; the user knows the target.
+  auto failed = [&](const MethodResult& r) {
+    fs::remove(temp, ec);
+    std::string text = r.message.value_or(r.code);
+    for (size_t at; (at = text.find(temp.string())) != std::string::npos;) text.replace(at, temp.string().size(), o.out);
+    return fail("export: %s", text.c_str());
+  };
   auto cancelled = [&] {
     fs::remove(temp, ec);
-    fprintf(stderr, "\nkavlen: export cancelled after %lld of %lld frames; %s was not written (the movie would be "
+    if (isatty(STDERR_FILENO)) fputc('\n', stderr);  // below the progress bar
+    fprintf(stderr, "kavlen: export cancelled after %lld of %lld frames; %s was not written (the movie would be "
             "incomplete)\n", static_cast<long long>(framesDone), static_cast<long long>(total), o.out.c_str());
     return 130;
   };
@@ -294,22 +302,16 @@ int cmd_export(int argc, char** argv) {
                             {"bitrate", o.bitrate},
                             {"audioBitrate", o.audioBitrate}});
   MethodResult r = call("start", start);
-  if (r.kind != MethodResult::Kind::Success) return fail("export: %s", r.message.value_or(r.code).c_str());
+  if (r.kind != MethodResult::Kind::Success) return failed(r);
   r = call("renderNative", Value::map({{"scene", *scene}, {"lengthMs", o.lengthMs}, {"mediaRoot", o.mediaRoot}}));
   if (interrupted || r.value == Value("cancelled")) return cancelled();
-  if (r.kind != MethodResult::Kind::Success) {
-    fs::remove(temp, ec);
-    return fail("export: %s", r.message.value_or(r.code).c_str());
-  }
+  if (r.kind != MethodResult::Kind::Success) return failed(r);
   if (!clips.asList()->empty()) fputs("kavlen: export: mixing and writing the audio\n", stderr);
   auto timing = writer ? writer->timing() : ex::MovieWriter::Timing{};
   r = call("finish", {});
   if (writer) timing = writer->timing();
   if (interrupted) return cancelled();
-  if (r.kind != MethodResult::Kind::Success) {
-    fs::remove(temp, ec);
-    return fail("export: %s", r.message.value_or(r.code).c_str());
-  }
+  if (r.kind != MethodResult::Kind::Success) return failed(r);
   if (framesDone < total) {
     fs::remove(temp, ec);
     return fail("export: only %lld of %lld frames could be made", static_cast<long long>(framesDone),
