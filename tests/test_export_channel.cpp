@@ -269,7 +269,7 @@ TEST(ExportChannelThreads, OfflineCompositorDrawsTheScene) {
 }
 
 // A disk that fills up midway, as a size limit on a child process.
-TEST(ExportChannelThreads, FailingWriterAnswersAppendThenFinish) {
+TEST(ExportChannelFailure, FullDiskAnswersAppendThenFinish) {
   std::string path = mediatest::testFolder() + "/full.mov";
   pid_t child = fork();
   ASSERT_GE(child, 0);

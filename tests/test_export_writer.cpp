@@ -132,7 +132,7 @@ TEST(ExportWriterThreads, CancelStopsAndRemovesTheFile) {
 }
 
 // A disk that fills up midway: the size limit of a child process stands for it.
-TEST(ExportWriterThreads, FailingDiskFailsAppendsAndFinish) {
+TEST(ExportWriterFailure, FullDiskFailsAppendsAndFinish) {
   std::string path = mediatest::testFolder() + "/full.mp4";
   pid_t child = fork();
   ASSERT_GE(child, 0);

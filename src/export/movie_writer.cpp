@@ -197,7 +197,12 @@ bool MovieWriter::Impl::open(std::string& err) {
     err = failText("cannot create", rc);
     return false;
   }
-  rc = avformat_write_header(fmt, nullptr);
+  // The index goes in front at the end, so players can start before the
+  // whole file has arrived (a movie on a web page).
+  AVDictionary* muxOptions = nullptr;
+  av_dict_set(&muxOptions, "movflags", "+faststart", 0);
+  rc = avformat_write_header(fmt, &muxOptions);
+  av_dict_free(&muxOptions);
   if (rc < 0) {
     err = failText("cannot write", rc);
     return false;
