@@ -146,22 +146,25 @@ std::optional<Value> readClips(const std::string& path) {
   return list;
 }
 
-// The frame size the scene's first output asks for, when it says.
-void sceneSize(const Value& doc, int& w, int& h) {
+// The frame size the scene's first output asks for, else 1920x1080. False
+// when that size can't be encoded.
+bool sceneSize(const Value& doc, int& w, int& h) {
   const Value* outputs = doc.find("outputs");
   const ValueList* list = outputs ? outputs->asList() : nullptr;
   const Value* res = list && !list->empty() ? (*list)[0].find("resolution") : nullptr;
   const ValueList* wh = res ? res->asList() : nullptr;
-  if (wh && wh->size() == 2 && (*wh)[0].asInt() && (*wh)[1].asInt()) {
-    int64_t a = *(*wh)[0].asInt(), b = *(*wh)[1].asInt();
-    if (a >= 2 && b >= 2 && a <= 16384 && b <= 16384 && a % 2 == 0 && b % 2 == 0) {
-      w = static_cast<int>(a);
-      h = static_cast<int>(b);
-      return;
-    }
-  }
   w = 1920;
   h = 1080;
+  if (!wh || wh->size() != 2 || !(*wh)[0].asInt() || !(*wh)[1].asInt()) return true;
+  int64_t a = *(*wh)[0].asInt(), b = *(*wh)[1].asInt();
+  if (a < 2 || b < 2 || a > 16384 || b > 16384 || a % 2 || b % 2) {
+    fail("export: the scene's output size %lldx%lld cannot be encoded (even sizes up to 16384); give --size",
+         static_cast<long long>(a), static_cast<long long>(b));
+    return false;
+  }
+  w = static_cast<int>(a);
+  h = static_cast<int>(b);
+  return true;
 }
 
 // Times the compositor's frames for --stats.
@@ -217,7 +220,7 @@ int cmd_export(int argc, char** argv) {
   auto scene = readJson(o.scene, "scene");
   if (!scene) return 1;
   if (!scene->isMap()) return fail("export: the scene %s is no JSON object", o.scene.c_str());
-  if (o.width == 0) sceneSize(*scene, o.width, o.height);
+  if (o.width == 0 && !sceneSize(*scene, o.width, o.height)) return 1;
   if (o.mediaRoot.empty()) o.mediaRoot = fs::absolute(o.scene).parent_path().string();
   Value clips = ValueList{};
   if (!o.audio.empty()) {
