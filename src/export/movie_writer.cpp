@@ -270,15 +270,9 @@ bool MovieWriter::Impl::openVideo(std::string& err) {
   }
   vst->time_base = venc->time_base;
   vst->avg_frame_rate = venc->framerate;
-  picture->format = venc->pix_fmt;
-  picture->width = s.width;
-  picture->height = s.height;
-  picture->colorspace = venc->colorspace;
-  picture->color_range = venc->color_range;
-  rc = av_frame_get_buffer(picture, 0);
   sws = sws_getContext(s.width, s.height, AV_PIX_FMT_RGBA, s.width, s.height, venc->pix_fmt, SWS_BILINEAR, nullptr,
                        nullptr, nullptr);
-  if (rc < 0 || !sws) {
+  if (!sws) {
     err = "cannot set up the colour conversion";
     return false;
   }
@@ -354,7 +348,15 @@ bool MovieWriter::Impl::drain(AVCodecContext* enc, AVStream* st, std::string& er
 
 bool MovieWriter::Impl::encodeVideo(const FrameBuffer& frame, int64_t ms, std::string& err) {
   auto t0 = Clock::now();
-  int rc = av_frame_make_writable(picture);
+  // A new picture each time: encoders with frame threads still read the
+  // previous one on their own threads.
+  av_frame_unref(picture);
+  picture->format = venc->pix_fmt;
+  picture->width = s.width;
+  picture->height = s.height;
+  picture->colorspace = venc->colorspace;
+  picture->color_range = venc->color_range;
+  int rc = av_frame_get_buffer(picture, 0);
   if (rc < 0) {
     err = "out of memory";
     return false;
