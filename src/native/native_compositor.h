@@ -83,6 +83,15 @@ class NativeCompositor {
 
  private:
   img::Image layerImage(const Layer& layer, int64_t t);
+  // The layer's picture in the frame before its opacity.
+  img::Image shapedLayer(const Layer& layer, const Resolved& r);
+
+  struct StillLayer {
+    std::string key;   // what the layer looked like on the last frame
+    img::Image image;  // its pixels, once it stayed the same for two frames
+    size_t bytes = 0;
+  };
+  static constexpr size_t kStillBudget = size_t{512} << 20;
   img::Image cachedMask(const std::string& key, const std::function<img::Image()>& make);
 
   NativeScene scene_;
@@ -93,6 +102,8 @@ class NativeCompositor {
   std::map<std::string, img::Image> texts_;
   std::map<std::string, img::Image> masks_;    // bounded
   std::map<std::string, std::pair<img::Image, img::Image>> effects_;  // bounded
+  std::map<const Layer*, StillLayer> stills_;
+  size_t stillBytes_ = 0;
   Stats stats_;
 };
 
