@@ -95,6 +95,8 @@ class ColorNode : public Node {
     return t;
   }
 
+  Color color() const { return c_; }
+
  private:
   Color c_;
 };
@@ -130,6 +132,7 @@ class CropNode : public Node {
                 .intersect(pixelsOf(*in_.node()));
   }
   Tile render(const IRect& r) const override { return in_.node()->render(r.intersect(keep_).intersect(liveOf(*in_.node()))); }
+  const Image& input() const { return in_; }
   IRect keep_;
 
  private:
@@ -243,7 +246,9 @@ class OverNode : public Node {
     IRect all;
     for (size_t i = 0; i < stack_.size(); i++) {
       const Image& im = stack_[i];
-      Tile t = im.node()->render(req.intersect(liveOf(*im.node())));
+      IRect want = req.intersect(liveOf(*im.node()));
+      // A colour at the bottom (a frame's ground) is filled in its final form.
+      Tile t = i == 0 && !gray ? renderColor4(*im.node(), want) : im.node()->render(want);
       if (t.empty()) continue;
       all = boundsOf(all, t.rect);
       tiles.push_back(std::move(t));
@@ -303,6 +308,7 @@ class OverNode : public Node {
 
  private:
   static Image opacityInput(const Image& im, float& k);
+  static Tile renderColor4(const Node& n, const IRect& r);
   std::vector<Image> stack_;
   std::vector<float> factor_;  // opacity of each entry
 };
@@ -589,6 +595,19 @@ class ColorMatrixNode : public Node {
   bool scaleOnly_ = false;
 };
 
+Tile OverNode::renderColor4(const Node& n, const IRect& r) {
+  const Node* base = &n;
+  if (auto c = dynamic_cast<const CropNode*>(base)) base = c->input().node();
+  auto color = dynamic_cast<const ColorNode*>(base);
+  if (!color || !color->gray) return n.render(r);
+  Tile t;
+  t.rect = r;
+  t.owned = true;
+  Color c = color->color();
+  if (!r.empty()) t.m = cv::Mat(r.height(), r.width(), CV_32FC4, cv::Scalar(c.r * c.a, c.g * c.a, c.b * c.a, c.a));
+  return t;
+}
+
 Image OverNode::opacityInput(const Image& im, float& k) {
   if (auto c = dynamic_cast<const ColorMatrixNode*>(im.node()); c && c->scaleOnly()) {
     k = c->scale();
@@ -794,6 +813,14 @@ Image Image::cropped(const Rect& r) const {
 Image Image::transformed(const Affine& t) const {
   if (!n_) return {};
   if (dynamic_cast<const ColorNode*>(n_.get())) return *this;
+  // A rectangle of one colour moved and scaled along the axes stays one:
+  // no pixels need resampling.
+  if (auto c = dynamic_cast<const CropNode*>(n_.get());
+      c && t.b == 0 && t.c == 0 && t.a > 0 && t.d > 0 && dynamic_cast<const ColorNode*>(c->input().node())) {
+    Rect e = extent();
+    auto p0 = t.map(e.x0, e.y0), p1 = t.map(e.x1, e.y1);
+    return c->input().cropped({p0[0], p0[1], p1[0], p1[1]});
+  }
   return Image(std::make_shared<TransformNode>(*this, t));
 }
 Image Image::over(const Image& below) const {

@@ -20,6 +20,7 @@ namespace {
 // Caches of masks and effect pictures hold this many entries at most; a
 // moving layer adds one a frame, and the whole cache is dropped when full.
 constexpr size_t kBoundedCache = 64;
+constexpr size_t kTextCache = 256;
 
 const img::Rect kSurface = img::Rect::xywh(0, 0, kSurfaceW, kSurfaceH);
 
@@ -54,6 +55,9 @@ Image NativeCompositor::source(const Paint& paint, std::optional<int64_t> mediaM
     Image im = renderText(*paint.text, paint.argb, effects);
     if (im.isNull()) return {};  // tried again on the next frame
     im = im.materialized();
+    // A text whose effects animate is a new picture on every frame; the
+    // cache starts over when full rather than grow through a long export.
+    if (texts_.size() >= kTextCache) texts_.clear();
     texts_.emplace(key, im);
     return im;
   }

@@ -16,8 +16,10 @@
 // Nothing fails: a layer whose file, video or text can't be had is left out
 // and the rest of the frame is drawn. Images, text pictures and open videos
 // are kept for the compositor's life (a missing file is tried again on the
-// next frame); masks and shape effects are kept too, in bounded caches,
-// since most layers don't move from frame to frame.
+// next frame); masks, shape effects and text pictures are kept too, in
+// bounded caches (a text whose effects animate is new on every frame), and
+// so is the picture of every layer that looks the same as on the frame
+// before, within a budget of 512 MB.
 //
 // Not thread-safe: one thread at a time per compositor (any thread; several
 // compositors may run in parallel threads).
