@@ -12,6 +12,7 @@
 #include "commands.h"
 #include "kavlen/kavlen.h"
 #include "media_key.h"
+#include "output_text_rasterizer.h"
 #include "render_job.h"
 #include "video_layers.h"
 
@@ -93,6 +94,10 @@ int render_with_cpu(const RenderJob& job) {
       video_warnings);
   for (const std::string& w : video_warnings)
     fprintf(stderr, "kavlen: warning: %s (the layer shows dark grey)\n", w.c_str());
+  // Text layers: their pictures come from the offline compositor.
+  auto texts = std::make_shared<kavlen::native::OutputTextRasterizer>();
+  texts->setScene(kavlen::native::NativeScene::jsonText(job.scene_text, job.width, job.height));
+  kavlen::native::TextSourceFeeder(texts).feed(engine, time_us);
   int32_t rc = kvl_engine_render(engine, time_us, frame.data(), job.width * 4);
   kvl_engine_destroy(engine);
   if (rc != 0) return fail("render: the engine refused the frame (%d): %s", rc, kvl_last_error());

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <map>
 
+#include <opencv2/core/utility.hpp>
 #include <opencv2/imgproc.hpp>
 
 namespace kavlen::img {
@@ -12,6 +14,8 @@ namespace {
 
 constexpr double kHuge = 1e300;
 constexpr int kPixLimit = 1 << 28;  // pixel coordinates beyond this are "infinite"
+constexpr int kBandRows = 32;      // rows rendered at a time
+constexpr int kBlockCols = 512;    // columns rendered at a time
 
 int clampPix(double v) { return static_cast<int>(std::clamp(v, -static_cast<double>(kPixLimit), static_cast<double>(kPixLimit))); }
 
@@ -29,13 +33,22 @@ Tile blank(const IRect& r, int ch) {
 cv::Mat widen(const cv::Mat& m) {
   if (m.channels() == 4) return m;
   cv::Mat out(m.rows, m.cols, CV_32FC4);
-  const int from_to[] = {0, 0, 0, 1, 0, 2, 1, 3};
-  cv::mixChannels(&m, 1, &out, 1, from_to, 4);
+  for (int y = 0; y < m.rows; y++) {
+    const float* s = m.ptr<float>(y);
+    float* d = out.ptr<float>(y);
+    for (int x = 0; x < m.cols; x++, s += 2, d += 4) {
+      d[0] = d[1] = d[2] = s[0];
+      d[3] = s[1];
+    }
+  }
   return out;
 }
 
 // `src` copied into a new transparent tile of `r` with `ch` channels.
 Tile placed(const Tile& src, const IRect& r, int ch) {
+  if (!src.empty() && src.rect.x0 == r.x0 && src.rect.y0 == r.y0 && src.rect.x1 == r.x1 && src.rect.y1 == r.y1 &&
+      src.m.channels() == ch)
+    return src;
   Tile t = blank(r, ch);
   IRect i = src.rect.intersect(r);
   if (i.empty()) return t;
@@ -82,6 +95,8 @@ class ColorNode : public Node {
     return t;
   }
 
+  Color color() const { return c_; }
+
  private:
   Color c_;
 };
@@ -117,6 +132,7 @@ class CropNode : public Node {
                 .intersect(pixelsOf(*in_.node()));
   }
   Tile render(const IRect& r) const override { return in_.node()->render(r.intersect(keep_).intersect(liveOf(*in_.node()))); }
+  const Image& input() const { return in_; }
   IRect keep_;
 
  private:
@@ -202,10 +218,15 @@ class OverNode : public Node {
  public:
   OverNode(const Image& above, const Image& below) {
     auto add = [this](const Image& im) {
-      if (auto o = dynamic_cast<const OverNode*>(im.node()))
+      if (auto o = dynamic_cast<const OverNode*>(im.node())) {
         stack_.insert(stack_.end(), o->stack_.begin(), o->stack_.end());
-      else if (!im.isNull())
-        stack_.push_back(im);
+        factor_.insert(factor_.end(), o->factor_.begin(), o->factor_.end());
+      } else if (!im.isNull()) {
+        // An opacity on top of the stack is applied while blending.
+        float k = 1;
+        stack_.push_back(opacityInput(im, k));
+        factor_.push_back(k);
+      }
     };
     add(below);
     add(above);
@@ -220,34 +241,44 @@ class OverNode : public Node {
   }
   Tile render(const IRect& req) const override {
     std::vector<Tile> tiles;
+    std::vector<float> factors;
     tiles.reserve(stack_.size());
     IRect all;
-    for (const Image& im : stack_) {
-      Tile t = im.node()->render(req.intersect(liveOf(*im.node())));
+    for (size_t i = 0; i < stack_.size(); i++) {
+      const Image& im = stack_[i];
+      IRect want = req.intersect(liveOf(*im.node()));
+      // A colour at the bottom (a frame's ground) is filled in its final form.
+      Tile t = i == 0 && !gray ? renderColor4(*im.node(), want) : im.node()->render(want);
       if (t.empty()) continue;
       all = boundsOf(all, t.rect);
       tiles.push_back(std::move(t));
+      factors.push_back(factor_[i]);
     }
     if (tiles.empty()) return {};
     int ch = chans(gray);
     Tile acc;
     size_t first = 1;
     if (tiles[0].rect.x0 == all.x0 && tiles[0].rect.y0 == all.y0 && tiles[0].rect.x1 == all.x1 &&
-        tiles[0].rect.y1 == all.y1 && tiles[0].m.channels() == ch && tiles.size() > 1) {
+        tiles[0].rect.y1 == all.y1 && tiles[0].m.channels() == ch && factors[0] == 1) {
+      if (tiles.size() == 1) return tiles[0];
       acc.rect = all;
       acc.owned = true;
       acc.m = tiles[0].owned ? tiles[0].m : tiles[0].m.clone();
-    } else if (tiles.size() == 1) {
-      return tiles[0];
+    } else if (tiles[0].rect.x0 == all.x0 && tiles[0].rect.y0 == all.y0 && tiles[0].rect.x1 == all.x1 &&
+               tiles[0].rect.y1 == all.y1 && factors[0] == 1 && ch == 4) {
+      acc.rect = all;
+      acc.owned = true;
+      acc.m = widen(tiles[0].m);
     } else {
       acc = blank(all, ch);
       first = 0;
     }
-    for (size_t k = first; k < tiles.size(); k++) blendOver(acc, tiles[k]);
+    for (size_t k = first; k < tiles.size(); k++) blendOver(acc, tiles[k], factors[k]);
     return acc;
   }
 
-  static void blendOver(Tile& acc, const Tile& top) {
+  // acc = top * f over acc.
+  static void blendOver(Tile& acc, const Tile& top, float f) {
     IRect i = top.rect.intersect(acc.rect);
     if (i.empty()) return;
     int ch = acc.m.channels();
@@ -259,24 +290,27 @@ class OverNode : public Node {
       int n = i.width();
       if (ch == 4) {
         for (int x = 0; x < n; x++, a += 4, d += 4) {
-          float k = 1.0f - a[3];
-          d[0] = a[0] + d[0] * k;
-          d[1] = a[1] + d[1] * k;
-          d[2] = a[2] + d[2] * k;
-          d[3] = a[3] + d[3] * k;
+          float k = 1.0f - a[3] * f;
+          d[0] = a[0] * f + d[0] * k;
+          d[1] = a[1] * f + d[1] * k;
+          d[2] = a[2] * f + d[2] * k;
+          d[3] = a[3] * f + d[3] * k;
         }
       } else {
         for (int x = 0; x < n; x++, a += 2, d += 2) {
-          float k = 1.0f - a[1];
-          d[0] = a[0] + d[0] * k;
-          d[1] = a[1] + d[1] * k;
+          float k = 1.0f - a[1] * f;
+          d[0] = a[0] * f + d[0] * k;
+          d[1] = a[1] * f + d[1] * k;
         }
       }
     }
   }
 
  private:
+  static Image opacityInput(const Image& im, float& k);
+  static Tile renderColor4(const Node& n, const IRect& r);
   std::vector<Image> stack_;
+  std::vector<float> factor_;  // opacity of each entry
 };
 
 class ClampNode : public Node {
@@ -374,6 +408,46 @@ class BlurNode : public Node {
   int reach_;
 };
 
+// Dilation (or erosion) by OpenCV's elliptic element of radius r, of the
+// inner w x h of `in` (which has r more on every side). The disc is taken
+// apart into its rows: each row width is one fast rectangular pass of
+// OpenCV along x, and the rows are then combined with a running maximum
+// along y. The result is the same as one pass with the whole element, at a
+// fraction of the cost for large radii.
+cv::Mat discMorph(const cv::Mat& in, int r, bool max, int w, int h) {
+  cv::Mat kernel = cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(2 * r + 1, 2 * r + 1));
+  cv::Mat out;
+  if (r <= 2) {
+    cv::Mat res;
+    if (max)
+      cv::dilate(in, res, kernel, cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
+    else
+      cv::erode(in, res, kernel, cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
+    return res(cv::Rect(r, r, w, h));
+  }
+  std::map<int, cv::Mat> byHalfWidth;  // the rows of `in` spread along x
+  for (int dy = -r; dy <= r; dy++) {
+    int half = (cv::countNonZero(kernel.row(dy + r)) - 1) / 2;
+    cv::Mat& spread = byHalfWidth[half];
+    if (spread.empty()) {
+      cv::Mat line = cv::getStructuringElement(cv::MORPH_RECT, cv::Size(2 * half + 1, 1));
+      cv::Mat rows = in.rowRange(0, in.rows);
+      if (max)
+        cv::dilate(rows, spread, line, cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
+      else
+        cv::erode(rows, spread, line, cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
+    }
+    cv::Mat part = spread(cv::Rect(r, r + dy, w, h));
+    if (out.empty())
+      out = part.clone();
+    else if (max)
+      cv::max(out, part, out);
+    else
+      cv::min(out, part, out);
+  }
+  return out;
+}
+
 class MorphNode : public Node {
  public:
   MorphNode(Image in, double radius, bool max) : in_(std::move(in)), max_(max) {
@@ -387,15 +461,10 @@ class MorphNode : public Node {
     if (out.empty()) return {};
     IRect big = grownBy(out, r_);
     Tile t = placed(in_.node()->render(big), big, chans(gray));
-    cv::Mat kernel = cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(2 * r_ + 1, 2 * r_ + 1));
-    cv::Mat res;
-    if (max_)
-      cv::dilate(t.m, res, kernel, cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
-    else
-      cv::erode(t.m, res, kernel, cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
     Tile o;
     o.rect = out;
-    o.m = res(cv::Rect(r_, r_, out.width(), out.height()));
+    o.owned = true;
+    o.m = discMorph(t.m, r_, max_, out.width(), out.height());
     return o;
   }
 
@@ -427,14 +496,19 @@ class PixelNode : public Node {
     IRect area = boundsOf(a.rect, b.rect);
     if (area.empty()) return {};
     a = placed(a, area, ch);
-    b = placed(b, area, ch);
+    // A clear background (masking) needs no pixels of its own.
+    bool bgClear = b.empty() && op_ == Op::BlendWithMask;
+    if (!bgClear) b = placed(b, area, ch);
     Tile m;
     if (op_ == Op::BlendWithMask) m = placed(mask_.node()->render(area.intersect(liveOf(*mask_.node()))), area, mask_.gray() ? 2 : 4);
-    Tile o = blank(area, ch);
+    Tile o;
+    o.rect = area;
+    o.owned = true;
+    o.m.create(area.height(), area.width(), CV_MAKETYPE(CV_32F, ch));
     int n = area.width();
     for (int y = 0; y < area.height(); y++) {
       const float* s = a.m.ptr<float>(y);
-      const float* d = b.m.ptr<float>(y);
+      const float* d = bgClear ? nullptr : b.m.ptr<float>(y);
       float* q = o.m.ptr<float>(y);
       if (op_ == Op::BlendWithMask) {
         const float* k = m.m.ptr<float>(y);
@@ -442,7 +516,10 @@ class PixelNode : public Node {
         for (int x = 0; x < n; x++) {
           float l = mc == 2 ? k[x * 2] : 0.2126f * k[x * 4] + 0.7152f * k[x * 4 + 1] + 0.0722f * k[x * 4 + 2];
           l = std::clamp(l, 0.0f, 1.0f);
-          for (int c = 0; c < ch; c++) q[x * ch + c] = d[x * ch + c] + (s[x * ch + c] - d[x * ch + c]) * l;
+          if (bgClear)
+            for (int c = 0; c < ch; c++) q[x * ch + c] = s[x * ch + c] * l;
+          else
+            for (int c = 0; c < ch; c++) q[x * ch + c] = d[x * ch + c] + (s[x * ch + c] - d[x * ch + c]) * l;
         }
       } else {
         for (int x = 0; x < n; x++) {
@@ -508,11 +585,37 @@ class ColorMatrixNode : public Node {
     return o;
   }
 
+  bool scaleOnly() const { return scaleOnly_; }
+  float scale() const { return av_[3]; }
+  const Image& input() const { return in_; }
+
  private:
   Image in_;
   std::array<float, 4> av_, bias_;
   bool scaleOnly_ = false;
 };
+
+Tile OverNode::renderColor4(const Node& n, const IRect& r) {
+  const Node* base = &n;
+  if (auto c = dynamic_cast<const CropNode*>(base)) base = c->input().node();
+  auto color = dynamic_cast<const ColorNode*>(base);
+  if (!color || !color->gray) return n.render(r);
+  Tile t;
+  t.rect = r;
+  t.owned = true;
+  Color c = color->color();
+  if (!r.empty()) t.m = cv::Mat(r.height(), r.width(), CV_32FC4, cv::Scalar(c.r * c.a, c.g * c.a, c.b * c.a, c.a));
+  return t;
+}
+
+Image OverNode::opacityInput(const Image& im, float& k) {
+  if (auto c = dynamic_cast<const ColorMatrixNode*>(im.node()); c && c->scaleOnly()) {
+    k = c->scale();
+    return c->input();
+  }
+  k = 1;
+  return im;
+}
 
 class PerspectiveNode : public Node {
  public:
@@ -566,6 +669,41 @@ class PerspectiveNode : public Node {
  private:
   Image in_;
   cv::Matx33d h_, hinv_;
+};
+
+// Straight 8-bit RGBA rows as given by files and decoders, top row first,
+// turned into premultiplied float only where a render asks.
+class Rgba8Node : public Node {
+ public:
+  Rgba8Node(const uint8_t* rgba, int w, int h, int stride) : w_(w), h_(h) {
+    bytes_.resize(static_cast<size_t>(w) * h * 4);
+    for (int y = 0; y < h; y++)
+      std::copy(rgba + static_cast<size_t>(y) * stride, rgba + static_cast<size_t>(y) * stride + static_cast<size_t>(w) * 4,
+                bytes_.begin() + static_cast<ptrdiff_t>(y) * w * 4);
+    extent = Rect::xywh(0, 0, w, h);
+    support = extent;
+  }
+  Tile render(const IRect& r) const override {
+    IRect i = r.intersect({0, 0, w_, h_});
+    if (i.empty()) return {};
+    Tile t = blank(i, 4);
+    for (int y = i.y0; y < i.y1; y++) {
+      const uint8_t* s = bytes_.data() + (static_cast<size_t>(h_ - 1 - y) * w_ + i.x0) * 4;
+      float* d = t.m.ptr<float>(y - i.y0);
+      for (int x = i.x0; x < i.x1; x++, s += 4, d += 4) {
+        float a = s[3] * (1.0f / 255.0f), k = a * (1.0f / 255.0f);
+        d[0] = s[0] * k;
+        d[1] = s[1] * k;
+        d[2] = s[2] * k;
+        d[3] = a;
+      }
+    }
+    return t;
+  }
+
+ private:
+  std::vector<uint8_t> bytes_;
+  int w_, h_;
 };
 
 // An image seen through a rectangle: its pixels inside, transparent outside,
@@ -646,20 +784,8 @@ Image Image::fromMat(cv::Mat m, int x, int y) {
 }
 
 Image Image::fromStraightRgba(const uint8_t* rgba, int w, int h, int stride) {
-  if (!rgba || w <= 0 || h <= 0) return {};
-  cv::Mat m(h, w, CV_32FC4);
-  for (int y = 0; y < h; y++) {
-    const uint8_t* s = rgba + static_cast<size_t>(h - 1 - y) * stride;
-    float* d = m.ptr<float>(y);
-    for (int x = 0; x < w; x++, s += 4, d += 4) {
-      float a = s[3] / 255.0f, k = a / 255.0f;
-      d[0] = s[0] * k;
-      d[1] = s[1] * k;
-      d[2] = s[2] * k;
-      d[3] = a;
-    }
-  }
-  return fromMat(std::move(m));
+  if (!rgba || w <= 0 || h <= 0 || stride < w * 4) return {};
+  return Image(std::make_shared<Rgba8Node>(rgba, w, h, stride));
 }
 
 Image Image::fromGray(const uint8_t* gray, int w, int h, int stride) {
@@ -687,6 +813,14 @@ Image Image::cropped(const Rect& r) const {
 Image Image::transformed(const Affine& t) const {
   if (!n_) return {};
   if (dynamic_cast<const ColorNode*>(n_.get())) return *this;
+  // A rectangle of one colour moved and scaled along the axes stays one:
+  // no pixels need resampling.
+  if (auto c = dynamic_cast<const CropNode*>(n_.get());
+      c && t.b == 0 && t.c == 0 && t.a > 0 && t.d > 0 && dynamic_cast<const ColorNode*>(c->input().node())) {
+    Rect e = extent();
+    auto p0 = t.map(e.x0, e.y0), p1 = t.map(e.x1, e.y1);
+    return c->input().cropped({p0[0], p0[1], p1[0], p1[1]});
+  }
   return Image(std::make_shared<TransformNode>(*this, t));
 }
 Image Image::over(const Image& below) const {
@@ -738,10 +872,21 @@ Image Image::materialized() const {
   IRect live = liveOf(*n_);
   if (live.empty() || live.x0 <= -kPixLimit || live.y0 <= -kPixLimit || live.x1 >= kPixLimit || live.y1 >= kPixLimit)
     return *this;
-  Tile t = n_->render(live);
-  if (t.empty()) return Image::color({}).cropped(extent());
-  if (t.m.isSubmatrix()) t.m = t.m.clone();
-  Image pixels = fromMat(t.m, t.rect.x0, t.rect.y0);
+  int ch = chans(n_->gray);
+  cv::Mat m = cv::Mat::zeros(live.height(), live.width(), CV_MAKETYPE(CV_32F, ch));
+  // Few tall bands: filters of a wide reach pay their margin once a band.
+  int bandRows = std::max(kBandRows, (live.height() + 2 * cv::getNumThreads() - 1) / (2 * cv::getNumThreads()));
+  int bands = (live.height() + bandRows - 1) / bandRows;
+  cv::parallel_for_(cv::Range(0, bands), [&](const cv::Range& range) {
+    for (int b = range.start; b < range.end; b++) {
+      IRect band{live.x0, live.y0 + b * bandRows, live.x1, std::min(live.y1, live.y0 + (b + 1) * bandRows)};
+      Tile t = n_->render(band);
+      if (t.empty()) continue;
+      cv::Mat src = t.m.channels() == ch ? t.m : widen(t.m);
+      src.copyTo(m(cv::Rect(t.rect.x0 - live.x0, t.rect.y0 - live.y0, t.rect.width(), t.rect.height())));
+    }
+  });
+  Image pixels = fromMat(m, live.x0, live.y0);
   // The extent stays that of the original picture.
   return pixels.extendedTo(extent());
 }
@@ -754,25 +899,42 @@ Tile Image::render(const IRect& r, bool rgba) const {
 }
 
 void renderInto(const Image& image, const IRect& r, PixelOrder order, bool straight, uint8_t* out, size_t stride) {
-  Tile t = image.render(r, true);
+  if (r.empty()) return;
   int ri = order == PixelOrder::RGBA ? 0 : 2, bi = 2 - ri;
-  for (int k = 0; k < r.height(); k++) {
-    uint8_t* d = out + static_cast<size_t>(k) * stride;
-    std::fill(d, d + static_cast<size_t>(r.width()) * 4, 0);
-    int y = r.y1 - 1 - k;
-    if (t.empty() || y < t.rect.y0 || y >= t.rect.y1) continue;
-    const float* s = t.m.ptr<float>(y - t.rect.y0);
-    uint8_t* q = d + static_cast<size_t>(t.rect.x0 - r.x0) * 4;
-    for (int x = 0; x < t.rect.width(); x++, s += 4, q += 4) {
-      float a = std::clamp(s[3], 0.0f, 1.0f);
-      float k2 = straight ? (a > 0 ? 1.0f / a : 0.0f) : 1.0f;
-      auto u8 = [&](float v) { return static_cast<uint8_t>(std::clamp(v * k2, 0.0f, 1.0f) * 255.0f + 0.5f); };
-      q[ri] = u8(s[0]);
-      q[1] = u8(s[1]);
-      q[bi] = u8(s[2]);
-      q[3] = static_cast<uint8_t>(a * 255.0f + 0.5f);
+  // Blocks rendered in parallel: every buffer of the graph then stays
+  // small enough for the caches, and no frame-sized one is made.
+  int rows = (r.height() + kBandRows - 1) / kBandRows, cols = (r.width() + kBlockCols - 1) / kBlockCols;
+  cv::parallel_for_(cv::Range(0, rows * cols), [&](const cv::Range& range) {
+    for (int b = range.start; b < range.end; b++) {
+      // Block b holds output rows from its top down, top row first.
+      int top = r.y1 - (b / cols) * kBandRows, bottom = std::max(r.y0, top - kBandRows);
+      int left = r.x0 + (b % cols) * kBlockCols, right = std::min(r.x1, left + kBlockCols);
+      Tile t = image.render({left, bottom, right, top}, false);
+      const int ch = t.empty() ? 4 : t.m.channels(), ai = ch - 1, gi = ch == 4 ? 1 : 0, b2 = ch == 4 ? 2 : 0;
+      for (int y = top - 1; y >= bottom; y--) {
+        uint8_t* d = out + static_cast<size_t>(r.y1 - 1 - y) * stride + static_cast<size_t>(left - r.x0) * 4;
+        std::fill(d, d + static_cast<size_t>(right - left) * 4, 0);
+        if (t.empty() || y < t.rect.y0 || y >= t.rect.y1) continue;
+        const float* s = t.m.ptr<float>(y - t.rect.y0);
+        uint8_t* q = d + static_cast<size_t>(t.rect.x0 - left) * 4;
+        if (ch == 4 && !straight) {
+          cv::Mat from(1, t.rect.width(), CV_32FC4, const_cast<float*>(s));
+          cv::Mat to(1, t.rect.width(), CV_8UC4, q);
+          from.convertTo(to, CV_8UC4, 255.0);  // rounds and saturates
+          if (ri != 0) cv::cvtColor(to, to, cv::COLOR_RGBA2BGRA);
+          continue;
+        }
+        for (int x = 0; x < t.rect.width(); x++, s += ch, q += 4) {
+          float a = std::clamp(s[ai], 0.0f, 1.0f);
+          float k = straight ? (a > 0 ? 255.0f / a : 0.0f) : 255.0f;
+          q[ri] = static_cast<uint8_t>(std::clamp(s[0] * k, 0.0f, 255.0f) + 0.5f);
+          q[1] = static_cast<uint8_t>(std::clamp(s[gi] * k, 0.0f, 255.0f) + 0.5f);
+          q[bi] = static_cast<uint8_t>(std::clamp(s[b2] * k, 0.0f, 255.0f) + 0.5f);
+          q[3] = static_cast<uint8_t>(a * 255.0f + 0.5f);
+        }
+      }
     }
-  }
+  });
 }
 
 std::vector<uint8_t> renderBytes(const Image& image, const IRect& r, PixelOrder order, bool straight) {

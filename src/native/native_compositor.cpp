@@ -20,6 +20,7 @@ namespace {
 // Caches of masks and effect pictures hold this many entries at most; a
 // moving layer adds one a frame, and the whole cache is dropped when full.
 constexpr size_t kBoundedCache = 64;
+constexpr size_t kTextCache = 256;
 
 const img::Rect kSurface = img::Rect::xywh(0, 0, kSurfaceW, kSurfaceH);
 
@@ -54,6 +55,9 @@ Image NativeCompositor::source(const Paint& paint, std::optional<int64_t> mediaM
     Image im = renderText(*paint.text, paint.argb, effects);
     if (im.isNull()) return {};  // tried again on the next frame
     im = im.materialized();
+    // A text whose effects animate is a new picture on every frame; the
+    // cache starts over when full rather than grow through a long export.
+    if (texts_.size() >= kTextCache) texts_.clear();
     texts_.emplace(key, im);
     return im;
   }
@@ -93,10 +97,61 @@ Image NativeCompositor::source(const Paint& paint, std::optional<int64_t> mediaM
   return {};
 }
 
+namespace {
+
+// Everything of a resolved layer that its picture before opacity depends on.
+std::string stillKey(const Resolved& r) {
+  std::string k = r.paint.type + "|" + std::to_string(r.paint.argb) + "|" + r.paint.path.value_or("") + "|";
+  if (r.paint.text) k += textSpecString(*r.paint.text, r.paint.argb, r.effects);
+  char b[160];
+  for (const Vertex& v : r.vertices) {
+    snprintf(b, sizeof b, "%.17g,%.17g;", v.p.x, v.p.y);
+    k += b;
+    if (v.inH) k += "i" + std::to_string(v.inH->x) + "," + std::to_string(v.inH->y);
+    if (v.outH) k += "o" + std::to_string(v.outH->x) + "," + std::to_string(v.outH->y);
+  }
+  snprintf(b, sizeof b, "|%.17g,%.17g,%.17g,%.17g|", r.content.x, r.content.y, r.content.scale, r.content.rotation);
+  return k + b + r.effects.dump();
+}
+
+}  // namespace
+
 Image NativeCompositor::layerImage(const Layer& layer, int64_t t) {
   if (layer.vertices.size() < 3) return {};
   std::optional<Resolved> r = scene_.resolve(layer, t);
   if (!r) return {};
+  // A layer that looks the same as on the frame before (a still picture that
+  // doesn't move) is kept as pixels and only blended from then on.
+  bool still = r->paint.type != "video" && r->paint.type != "asset_video";
+  std::string key = still ? stillKey(*r) : std::string();
+  StillLayer& memo = stills_[&layer];
+  Image result;
+  if (still && memo.key == key && !memo.image.isNull()) {
+    result = memo.image;
+  } else {
+    result = shapedLayer(layer, *r);
+    if (result.isNull()) return {};
+    if (still && memo.key == key) {
+      Image kept = result.materialized();
+      img::Rect live = kept.support().intersect(kept.extent());
+      size_t bytes = live.empty() ? 0 : static_cast<size_t>(live.width() * live.height() * (kept.gray() ? 8 : 16));
+      if (stillBytes_ + bytes <= kStillBudget) {
+        stillBytes_ += bytes;
+        memo.bytes = bytes;
+        memo.image = kept;
+        result = kept;
+      }
+    } else {
+      stillBytes_ -= memo.bytes;
+      memo = StillLayer{key, Image(), 0};
+    }
+  }
+  if (r->opacity < 1) result = result.colorMatrix({0, 0, 0, static_cast<float>(r->opacity)}, {0, 0, 0, 0});
+  return result;
+}
+
+Image NativeCompositor::shapedLayer(const Layer& layer, const Resolved& resolved) {
+  const Resolved* r = &resolved;
   Image image = source(r->paint, r->mediaMs, r->effects);
   if (image.isNull()) return {};
   image = applyContent(r->content, image);
@@ -176,7 +231,6 @@ Image NativeCompositor::layerImage(const Layer& layer, int64_t t) {
     if (!it->second.second.isNull()) result = it->second.second.over(result);
   }
   if (layer.lumaKey) result = result.colorMatrix({0.598f, 1.174f, 0.228f, 0}, {0, 0, 0, -0.04f});
-  if (r->opacity < 1) result = result.colorMatrix({0, 0, 0, static_cast<float>(r->opacity)}, {0, 0, 0, 0});
   return result;
 }
 

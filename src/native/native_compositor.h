@@ -16,8 +16,10 @@
 // Nothing fails: a layer whose file, video or text can't be had is left out
 // and the rest of the frame is drawn. Images, text pictures and open videos
 // are kept for the compositor's life (a missing file is tried again on the
-// next frame); masks and shape effects are kept too, in bounded caches,
-// since most layers don't move from frame to frame.
+// next frame); masks, shape effects and text pictures are kept too, in
+// bounded caches (a text whose effects animate is new on every frame), and
+// so is the picture of every layer that looks the same as on the frame
+// before, within a budget of 512 MB.
 //
 // Not thread-safe: one thread at a time per compositor (any thread; several
 // compositors may run in parallel threads).
@@ -83,6 +85,15 @@ class NativeCompositor {
 
  private:
   img::Image layerImage(const Layer& layer, int64_t t);
+  // The layer's picture in the frame before its opacity.
+  img::Image shapedLayer(const Layer& layer, const Resolved& r);
+
+  struct StillLayer {
+    std::string key;   // what the layer looked like on the last frame
+    img::Image image;  // its pixels, once it stayed the same for two frames
+    size_t bytes = 0;
+  };
+  static constexpr size_t kStillBudget = size_t{512} << 20;
   img::Image cachedMask(const std::string& key, const std::function<img::Image()>& make);
 
   NativeScene scene_;
@@ -93,6 +104,8 @@ class NativeCompositor {
   std::map<std::string, img::Image> texts_;
   std::map<std::string, img::Image> masks_;    // bounded
   std::map<std::string, std::pair<img::Image, img::Image>> effects_;  // bounded
+  std::map<const Layer*, StillLayer> stills_;
+  size_t stillBytes_ = 0;
   Stats stats_;
 };
 

@@ -215,7 +215,8 @@ std::vector<Image> shapeEffects(const Image& mask, const Effects& e, double scal
   }
   if (e.bevelDepth > 0) {
     double d = scale * e.bevelDepth;
-    Image edge = ring(mask, d);
+    // Both lights read the same band: compute it once.
+    Image edge = ring(mask, d).materialized();
     for (int k = 0; k < 2; k++) {
       double ox = k == 0 ? -d : d, oy = k == 0 ? d : -d;
       // Where the mask holds no bitmap it stands for black: the product is

@@ -155,27 +155,6 @@ Point catmullRom(Point q0, Point q1, Point q2, Point q3, double u) {
   return {f(q0.x, q1.x, q2.x, q3.x), f(q0.y, q1.y, q2.y, q3.y)};
 }
 
-Value fromCjson(const cJSON* j) {
-  if (cJSON_IsBool(j)) return Value(cJSON_IsTrue(j) != 0);
-  if (cJSON_IsNumber(j)) {
-    double d = j->valuedouble;
-    if (d == std::floor(d) && std::fabs(d) < 9.2e18) return Value(static_cast<int64_t>(d));
-    return Value(d);
-  }
-  if (cJSON_IsString(j)) return Value(std::string(j->valuestring));
-  if (cJSON_IsArray(j)) {
-    host::ValueList l;
-    for (const cJSON* e = j->child; e; e = e->next) l.push_back(fromCjson(e));
-    return Value(std::move(l));
-  }
-  if (cJSON_IsObject(j)) {
-    host::ValueMap m;
-    for (const cJSON* e = j->child; e; e = e->next) m.emplace_back(Value(std::string(e->string)), fromCjson(e));
-    return Value(std::move(m));
-  }
-  return Value();
-}
-
 }  // namespace
 
 Paint Paint::json(const Value& v) {
@@ -461,10 +440,33 @@ std::optional<Resolved> NativeScene::resolve(const Layer& layer, int64_t t) cons
   return r;
 }
 
+Value valueFromCjson(const cJSON* j) {
+  if (!j) return Value();
+  if (cJSON_IsBool(j)) return Value(cJSON_IsTrue(j) != 0);
+  if (cJSON_IsNumber(j)) {
+    double d = j->valuedouble;
+    if (d == static_cast<double>(static_cast<int64_t>(d)) && d > -9.2e18 && d < 9.2e18)
+      return Value(static_cast<int64_t>(d));
+    return Value(d);
+  }
+  if (cJSON_IsString(j)) return Value(std::string(j->valuestring));
+  if (cJSON_IsArray(j)) {
+    host::ValueList l;
+    for (const cJSON* e = j->child; e; e = e->next) l.push_back(valueFromCjson(e));
+    return Value(std::move(l));
+  }
+  if (cJSON_IsObject(j)) {
+    host::ValueMap m;
+    for (const cJSON* e = j->child; e; e = e->next) m.emplace_back(Value(std::string(e->string)), valueFromCjson(e));
+    return Value(std::move(m));
+  }
+  return Value();
+}
+
 std::optional<Value> valueFromJson(const std::string& text) {
   cJSON* root = cJSON_ParseWithLength(text.data(), text.size());
   if (!root) return std::nullopt;
-  Value v = fromCjson(root);
+  Value v = valueFromCjson(root);
   cJSON_Delete(root);
   return v;
 }

@@ -25,6 +25,8 @@
 
 #include "value.h"
 
+struct cJSON;
+
 namespace kavlen::native {
 
 using host::Value;
@@ -181,5 +183,7 @@ struct NativeScene {
 // numbers that fit int64 become integers, other numbers doubles. Nothing when
 // the text is not JSON.
 std::optional<Value> valueFromJson(const std::string& text);
+// The same from a parsed cJSON value (null gives a null value).
+Value valueFromCjson(const cJSON* json);
 
 }  // namespace kavlen::native
