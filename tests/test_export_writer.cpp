@@ -1,10 +1,5 @@
 // The movie writer and the audio mix, checked on real files with FFmpeg's
 // own probing and decoding.
-#include <signal.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cmath>
 #include <filesystem>
 
@@ -95,8 +90,6 @@ TEST(ExportWriter, BitRateRule) {
 
 TEST(ExportWriter, RefusedSettingsAndPaths) {
   std::string dir = mediatest::testFolder(), error;
-  EXPECT_FALSE(MovieWriter::create(settings(dir + "/no/such/folder/a.mp4", "h264"), error));
-  EXPECT_NE(error.find("No such file or directory"), std::string::npos) << error;
   EXPECT_FALSE(MovieWriter::create(settings(dir + "/odd.mp4", "h264", 63, 48), error));
   EXPECT_NE(error.find("even"), std::string::npos) << error;
   MovieSettings zeroFps = settings(dir + "/zero.mp4", "h264");
@@ -129,38 +122,6 @@ TEST(ExportWriterThreads, CancelStopsAndRemovesTheFile) {
   exporttest::pushQuadrants(*w, 2);
   w.reset();
   EXPECT_FALSE(std::filesystem::exists(path));
-}
-
-// A disk that fills up midway: the size limit of a child process stands for it.
-TEST(ExportWriterFailure, FullDiskFailsAppendsAndFinish) {
-  std::string path = mediatest::testFolder() + "/full.mp4";
-  pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    signal(SIGXFSZ, SIG_IGN);
-    rlimit limit{64 * 1024, 64 * 1024};
-    setrlimit(RLIMIT_FSIZE, &limit);
-    std::string error;
-    MovieSettings s = settings(path, "prores", 320, 240);  // large frames: the limit comes quickly
-    auto w = MovieWriter::create(s, error);
-    if (!w) _exit(10);
-    bool refused = false;
-    for (int i = 0; i < 200 && !refused; i++) {
-      auto f = w->frameBuffer();
-      for (size_t k = 0; k < f->pixels.size(); k++) f->pixels[k] = static_cast<uint8_t>(k * 7919 + i * 31);
-      w->waitUntilReady();
-      refused = !w->appendFrame(f, i * 33 + 33, error);
-    }
-    if (!refused || error.find("File too large") == std::string::npos) _exit(11);
-    std::string finishError;
-    if (w->finishWriting(finishError) || finishError != error) _exit(12);
-    _exit(0);
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0) << "10: no writer, 11: appends went on, 12: finish hid the failure";
-  EXPECT_TRUE(std::filesystem::exists(path));  // the partial file stays for the caller
 }
 
 TEST(ExportAudioMix, PlacementFadesVolumeAndSums) {
