@@ -310,9 +310,7 @@ int cmd_export(int argc, char** argv) {
   if (interrupted || r.value == Value("cancelled")) return cancelled();
   if (r.kind != MethodResult::Kind::Success) return failed(r);
   if (!clips.asList()->empty()) fputs("kavlen: export: mixing and writing the audio\n", stderr);
-  auto timing = writer ? writer->timing() : ex::MovieWriter::Timing{};
   r = call("finish", {});
-  if (writer) timing = writer->timing();
   if (interrupted) return cancelled();
   if (r.kind != MethodResult::Kind::Success) return failed(r);
   if (framesDone < total) {
@@ -329,7 +327,8 @@ int cmd_export(int argc, char** argv) {
   fprintf(stderr, "kavlen: wrote %s (%lld frames, %dx%d, %s, %.1f s in %.1f s, %.1f fps)\n", o.out.c_str(),
           static_cast<long long>(total), o.width, o.height, o.codec.c_str(), o.lengthMs / 1000.0, secs,
           secs > 0 ? total / secs : 0.0);
-  if (o.stats) {
+  if (o.stats && writer) {
+    auto timing = writer->timing();
     double render = renderNs / 1e9;
     double sum = render + timing.convertSeconds + timing.encodeSeconds;
     if (sum > 0)
