@@ -18,6 +18,7 @@
 #include "audio_input.h"
 #include "audio_input_plugin.h"
 #include "channel_host.h"
+#include "video_export_plugin.h"
 #include "main_loop.h"
 #include "main_window.h"
 #include "media_plugins.h"
@@ -129,6 +130,7 @@ int runApplication(const std::vector<std::string>& paths) {
   }
 
   outputs.attachMain(channels);
+  exporter::VideoExportPlugin::registerWith(channels, loop, workers);
   services::WaveformPlugin::registerWith(channels, loop, workers);
   capture::AudioInputPlugin::registerWith(channels, loop);
   services::ThumbnailPlugin::registerWith(channels, loop, workers);
@@ -173,6 +175,9 @@ int runApplication(const std::vector<std::string>& paths) {
   capture::AudioInput::shared().stopAll();
   capture::AudioInput::shared().isRunning();
   channels.stop();
+  // Dropping the export handler drops its plug-in, which cancels a movie
+  // being rendered, so the workers can be joined at once.
+  channels.setMethodHandler(exporter::VideoExportPlugin::kChannel, {});
   workers.shutdown();
   window.reset();
   outputsOwner.reset();

@@ -12,6 +12,7 @@
 #include "commands.h"
 #include "kavlen/kavlen.h"
 #include "media_key.h"
+#include "output_text_rasterizer.h"
 #include "render_job.h"
 #include "video_layers.h"
 
@@ -25,6 +26,7 @@ const char kUsage[] =
     "  --media-root DIR   folder of the scene's media (default: the scene file's folder)\n"
     "  --threads N        compositor threads (default: one per processor)\n"
     "  --gpu              draw through the GPU output renderer (headless EGL)\n"
+    "  --native           draw through the offline compositor (as movie export does)\n"
     "  --test-pattern     draw the output test chart instead of the scene (GPU path)\n";
 
 std::string folder_of(const std::string& path) {
@@ -92,6 +94,10 @@ int render_with_cpu(const RenderJob& job) {
       video_warnings);
   for (const std::string& w : video_warnings)
     fprintf(stderr, "kavlen: warning: %s (the layer shows dark grey)\n", w.c_str());
+  // Text layers: their pictures come from the offline compositor.
+  auto texts = std::make_shared<kavlen::native::OutputTextRasterizer>();
+  texts->setScene(kavlen::native::NativeScene::jsonText(job.scene_text, job.width, job.height));
+  kavlen::native::TextSourceFeeder(texts).feed(engine, time_us);
   int32_t rc = kvl_engine_render(engine, time_us, frame.data(), job.width * 4);
   kvl_engine_destroy(engine);
   if (rc != 0) return fail("render: the engine refused the frame (%d): %s", rc, kvl_last_error());
@@ -132,6 +138,8 @@ int cmd_render(int argc, char** argv) {
       job.threads = static_cast<int32_t>(t);
     } else if (a == "--gpu") {
       job.gpu = true;
+    } else if (a == "--native") {
+      job.native = true;
     } else if (a == "--test-pattern") {
       job.test_pattern = true;
     } else if (a[0] == '-' && a.size() > 1) {
@@ -144,6 +152,7 @@ int cmd_render(int argc, char** argv) {
   }
   if (job.out_path.empty()) return fail("render: no output file given (-o FRAME.png)");
   if (job.scene_path.empty() && !job.test_pattern) return fail("render: no scene file given");
+  if (job.native && (job.gpu || job.test_pattern)) return fail("render: --native goes with neither --gpu nor --test-pattern");
 
   kvl_scene* scene = nullptr;
   if (!job.scene_path.empty()) {
@@ -192,9 +201,11 @@ int cmd_render(int argc, char** argv) {
   }
   kvl_scene_free(scene);
 
-  int rc = job.gpu || job.test_pattern ? render_with_gpu(job) : render_with_cpu(job);
+  int rc = job.native ? render_with_native(job)
+           : job.gpu || job.test_pattern ? render_with_gpu(job)
+                                         : render_with_cpu(job);
   if (rc == 0)
     fprintf(stderr, "kavlen: wrote %s (%dx%d, %s, %.0f ms)\n", job.out_path.c_str(), job.width, job.height,
-            job.gpu || job.test_pattern ? "gpu" : "cpu", job.time_ms);
+            job.native ? "native" : job.gpu || job.test_pattern ? "gpu" : "cpu", job.time_ms);
   return rc;
 }

@@ -65,6 +65,7 @@ const Command kCommands[] = {
     {"analyze", cmd_analyze, "analyze MEDIA [-o OUT.signals]                write the audio signal file"},
     {"waveform", cmd_waveform, "waveform MEDIA [--count N] [--pcm OUT.f32]    print the audio peaks as JSON"},
     {"thumbnail", cmd_thumbnail, "thumbnail MEDIA [--width N] -o OUT.jpg        write a JPEG of the video"},
+    {"export", cmd_export, "export SCENE.json -o MOVIE.mp4 --length-ms N   write a movie of the scene"},
     {"devices", cmd_devices, "devices [--json]                              list the audio input devices"},
     {"listen", cmd_listen, "listen [--device ID] [--json] [--seconds N]   show a live input's level, beat, tempo"},
     {"serve", cmd_serve, "serve [PROJECT.kvln ...]                      run the application (also: kavlen alone)"},

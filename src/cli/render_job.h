@@ -25,9 +25,12 @@ struct RenderJob {
   int32_t width = 0, height = 0;  // frame size in pixels
   int32_t threads = 0;            // 0: one per processor
   bool gpu = false;
+  bool native = false;  // through the offline compositor
   bool test_pattern = false;
   std::vector<RenderSource> sources;  // still images found and decoded
 };
 
 // Draws the job on the GPU path and writes the PNG; returns the exit code.
 int render_with_gpu(const RenderJob& job);
+// Draws the job through the offline compositor and writes the PNG.
+int render_with_native(const RenderJob& job);

@@ -37,10 +37,10 @@ struct AudioRun {
   }
 };
 
-class MonoDecoder {
+class Decoder {
  public:
-  MonoDecoder(MediaInput& in, int rate, const AudioChunkFn& onChunk, AudioDecodeInfo& info)
-      : in_(in), rate_(rate), onChunk_(onChunk), info_(info) {}
+  Decoder(MediaInput& in, int rate, int channels, const AudioChunkFn& onChunk, AudioDecodeInfo& info)
+      : in_(in), rate_(rate), channels_(channels), onChunk_(onChunk), info_(info) {}
 
   bool run(const AudioStartFn& onStart, std::string& error);
 
@@ -58,6 +58,7 @@ class MonoDecoder {
 
   MediaInput& in_;
   int rate_;
+  int channels_;  // 1 or 2
   const AudioChunkFn& onChunk_;
   AudioDecodeInfo& info_;
   AudioRun r_;
@@ -66,7 +67,7 @@ class MonoDecoder {
   bool cancelled_ = false;
 };
 
-bool MonoDecoder::configure(const AVFrame* f, std::string& error) {
+bool Decoder::configure(const AVFrame* f, std::string& error) {
   if (r_.swr && f->format == r_.inFormat && f->sample_rate == r_.inRate &&
       !av_channel_layout_compare(&f->ch_layout, &r_.inLayout))
     return true;
@@ -91,18 +92,24 @@ bool MonoDecoder::configure(const AVFrame* f, std::string& error) {
     error = "out of memory";
     return false;
   }
-  AVChannelLayout mono = AV_CHANNEL_LAYOUT_MONO;
-  int rc = swr_alloc_set_opts2(&r_.swr, &mono, AV_SAMPLE_FMT_FLT, rate_, &in,
+  AVChannelLayout outLayout = AV_CHANNEL_LAYOUT_MONO;
+  if (channels_ == 2) outLayout = AV_CHANNEL_LAYOUT_STEREO;
+  int rc = swr_alloc_set_opts2(&r_.swr, &outLayout, AV_SAMPLE_FMT_FLT, rate_, &in,
                                static_cast<AVSampleFormat>(f->format), f->sample_rate, 0, nullptr);
-  if (rc >= 0) {
+  int n = in.nb_channels;
+  if (rc >= 0 && channels_ == 1) {
     // Fold to mono as the plain mean of all channels, so a full-scale signal
     // stays full scale whatever the layout (FFmpeg's default matrix weighs
     // by position and can exceed 1.0 on stereo).
-    int n = in.nb_channels;
     std::vector<double> matrix(static_cast<size_t>(n), 1.0 / n);
     rc = swr_set_matrix(r_.swr, matrix.data(), n);
-    if (rc >= 0) rc = swr_init(r_.swr);
+  } else if (rc >= 0 && n == 1) {
+    // Mono to stereo: the same signal at full level on both sides (FFmpeg's
+    // default puts the centre 3 dB down on each).
+    double matrix[2] = {1.0, 1.0};
+    rc = swr_set_matrix(r_.swr, matrix, 1);
   }
+  if (rc >= 0) rc = swr_init(r_.swr);
   av_channel_layout_uninit(&in);
   // Remember the frame's own layout, so the next frames compare equal.
   if (rc >= 0) rc = av_channel_layout_copy(&r_.inLayout, &f->ch_layout);
@@ -116,7 +123,7 @@ bool MonoDecoder::configure(const AVFrame* f, std::string& error) {
   return true;
 }
 
-bool MonoDecoder::emit(const AVFrame* f, std::string& error) {
+bool Decoder::emit(const AVFrame* f, std::string& error) {
   for (;;) {
     int inCount = f ? f->nb_samples : 0;
     int capacity = swr_get_out_samples(r_.swr, inCount);
@@ -125,7 +132,7 @@ bool MonoDecoder::emit(const AVFrame* f, std::string& error) {
       return false;
     }
     if (capacity == 0) return true;
-    out_.resize(static_cast<size_t>(capacity));
+    out_.resize(static_cast<size_t>(capacity) * channels_);
     auto* dst = reinterpret_cast<uint8_t*>(out_.data());
     int got = swr_convert(r_.swr, &dst, capacity, f ? const_cast<const uint8_t**>(f->extended_data) : nullptr,
                           inCount);
@@ -146,7 +153,7 @@ bool MonoDecoder::emit(const AVFrame* f, std::string& error) {
   }
 }
 
-bool MonoDecoder::drainDecoder(std::string& error) {
+bool Decoder::drainDecoder(std::string& error) {
   for (;;) {
     int rc = avcodec_receive_frame(r_.codec, r_.frame);
     if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF) return true;
@@ -160,7 +167,7 @@ bool MonoDecoder::drainDecoder(std::string& error) {
   }
 }
 
-bool MonoDecoder::run(const AudioStartFn& onStart, std::string& error) {
+bool Decoder::run(const AudioStartFn& onStart, std::string& error) {
   info_ = AudioDecodeInfo{};
   info_.duration = in_.durationSeconds();
   int index = in_.firstStream(AVMEDIA_TYPE_AUDIO);
@@ -225,8 +232,25 @@ bool decodeAudioMono(const std::string& path, int rate, const AudioChunkFn& onCh
   }
   auto in = MediaInput::openFile(path, error);
   if (!in) return false;
-  MonoDecoder decoder(*in, rate, onChunk, info);
+  Decoder decoder(*in, rate, 1, onChunk, info);
   return decoder.run(onStart, error);
+}
+
+bool decodeAudio(const std::string& path, int rate, int channels, const AudioChunkFn& onChunk, std::string& error,
+                 AudioDecodeInfo& info) {
+  info = AudioDecodeInfo{};
+  if (rate < kMinInputRate || rate > kMaxInputRate) {
+    error = "unsupported sample rate " + std::to_string(rate);
+    return false;
+  }
+  if (channels != 1 && channels != 2) {
+    error = "unsupported channel count " + std::to_string(channels);
+    return false;
+  }
+  auto in = MediaInput::openFile(path, error);
+  if (!in) return false;
+  Decoder decoder(*in, rate, channels, onChunk, info);
+  return decoder.run({}, error);
 }
 
 bool decodeAudioMonoFromMemory(std::shared_ptr<const std::vector<uint8_t>> bytes, int rate,
@@ -238,7 +262,7 @@ bool decodeAudioMonoFromMemory(std::shared_ptr<const std::vector<uint8_t>> bytes
   }
   auto in = MediaInput::openMemory(std::move(bytes), error);
   if (!in) return false;
-  MonoDecoder decoder(*in, rate, onChunk, info);
+  Decoder decoder(*in, rate, 1, onChunk, info);
   return decoder.run({}, error);
 }
 

@@ -51,6 +51,13 @@ bool decodeAudioMono(const std::string& path, int rate, const AudioChunkFn& onCh
 bool decodeAudioMonoFromMemory(std::shared_ptr<const std::vector<uint8_t>> bytes, int rate,
                                const AudioChunkFn& onChunk, std::string& error, AudioDecodeInfo& info);
 
+// The same as interleaved stereo (`channels` 2; mono files play on both sides
+// at full level, wider layouts are folded down) or mono (`channels` 1). The
+// chunk callback's `count` is then in frames of `channels` samples each, and
+// `info.samples` counts frames.
+bool decodeAudio(const std::string& path, int rate, int channels, const AudioChunkFn& onChunk, std::string& error,
+                 AudioDecodeInfo& info);
+
 // Convenience form that collects every sample into `out`.
 bool decodeAudioMono(const std::string& path, int rate, std::vector<float>& out, std::string& error,
                      const std::function<void(double progress)>& onProgress = {});
