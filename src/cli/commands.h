@@ -7,6 +7,7 @@ int cmd_render(int argc, char** argv);
 int cmd_analyze(int argc, char** argv);
 int cmd_waveform(int argc, char** argv);
 int cmd_thumbnail(int argc, char** argv);
+int cmd_detect(int argc, char** argv);
 
 // Prints "kavlen: <message>" on standard error and returns 1.
 int fail(const char* fmt, ...) __attribute__((format(printf, 1, 2)));

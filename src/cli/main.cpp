@@ -65,6 +65,7 @@ const Command kCommands[] = {
     {"analyze", cmd_analyze, "analyze MEDIA [-o OUT.signals]                write the audio signal file"},
     {"waveform", cmd_waveform, "waveform MEDIA [--count N] [--pcm OUT.f32]    print the audio peaks as JSON"},
     {"thumbnail", cmd_thumbnail, "thumbnail MEDIA [--width N] -o OUT.jpg        write a JPEG of the video"},
+    {"detect", cmd_detect, "detect PICTURE [--json] [--png OVERLAY.png]   find rectangles in a picture"},
 };
 
 void usage(FILE* to) {

@@ -2,9 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
-#include <ctime>
 #include <opencv2/imgproc.hpp>
 
 namespace kavlen::vision {
@@ -200,6 +197,66 @@ double support(const Gradient& g, double threshold, const Quad& q, int side, int
 
 // Puts the corners clockwise on screen (y down), starting nearest the top
 // left; false when the outline is not convex.
+// Whether the edge of a side runs on past one of its corners (end 0: the
+// side's first corner, 1: its second). A rectangle's sides stop at its
+// corners; an outline cut from longer edges (the top of a door closed by the
+// sides of a panel inside it) has sides that run on.
+bool runsOn(const Gradient& g, double threshold, const Quad& q, int side, int end) {
+  constexpr int kSamples = 8;
+  P a = q.p[side], b = q.p[(side + 1) % 4];
+  double len = norm(b - a);
+  P d = (b - a) * (1.0 / len), n = outwardNormal(q, side);
+  P from = end == 0 ? a : b, away = end == 0 ? -d : d;
+  double reach = std::max(6.0, 0.1 * len);
+  int hits = 0;
+  for (int k = 0; k < kSamples; k++) {
+    Profile pr(g, from + away * (3 + reach * (k + 0.5) / kSamples), n, 2.0);
+    Peak up = peakOf(pr, 1), down = peakOf(pr, -1);
+    hits += (up.value >= threshold && up.aligned && std::fabs(up.offset) <= 1.5) ||
+            (down.value >= threshold && down.aligned && std::fabs(down.offset) <= 1.5);
+  }
+  return hits >= kSamples * 3 / 4;
+}
+
+// Share of a stretch of a side, from `from` to `to` (fractions of the side
+// from its first corner), with an edge of either polarity across it.
+double stretchSupport(const Gradient& g, double threshold, const Quad& q, int side, double from, double to) {
+  constexpr int kSamples = 6;
+  P a = q.p[side], b = q.p[(side + 1) % 4], n = outwardNormal(q, side);
+  int hits = 0;
+  for (int k = 0; k < kSamples; k++) {
+    Profile pr(g, a + (b - a) * (from + (to - from) * (k + 0.5) / kSamples), n, 2.0);
+    Peak up = peakOf(pr, 1), down = peakOf(pr, -1);
+    hits += (up.value >= threshold && up.aligned && std::fabs(up.offset) <= 1.5) ||
+            (down.value >= threshold && down.aligned && std::fabs(down.offset) <= 1.5);
+  }
+  return static_cast<double>(hits) / kSamples;
+}
+
+// A corner that neither side reaches, with nothing in the picture around it
+// that could hide it: an outline pieced together from other objects' edges
+// (two rectangles side by side give a third one spanning both), not a
+// rectangle with a hidden corner.
+bool emptyCorner(const Gradient& g, double threshold, const Quad& q, int corner) {
+  const int before = (corner + 3) % 4, after = corner;  // sides ending and starting here
+  double lenBefore = norm(q.p[corner] - q.p[before]), lenAfter = norm(q.p[(corner + 1) % 4] - q.p[corner]);
+  double reachB = std::min(0.5, std::max(8.0, 0.12 * lenBefore) / lenBefore);
+  double reachA = std::min(0.5, std::max(8.0, 0.12 * lenAfter) / lenAfter);
+  if (stretchSupport(g, threshold, q, before, 1 - reachB, 1) >= 0.5 ||
+      stretchSupport(g, threshold, q, after, 0, reachA) >= 0.5)
+    return false;
+  const double r = std::max(4.0, 0.05 * std::min(lenBefore, lenAfter));
+  int busy = 0, total = 0;
+  for (double dy = -r; dy <= r; dy += 1)
+    for (double dx = -r; dx <= r; dx += 1) {
+      if (dx * dx + dy * dy > r * r) continue;
+      cv::Vec2f v = g.at(q.p[corner].x + dx, q.p[corner].y + dy);
+      busy += std::hypot(v[0], v[1]) >= threshold;
+      total++;
+    }
+  return busy < 0.05 * total;
+}
+
 bool convexClockwise(Quad& q) {
   double s[4];
   for (int i = 0; i < 4; i++) s[i] = cross(q.p[(i + 1) % 4] - q.p[i], q.p[(i + 2) % 4] - q.p[(i + 1) % 4]);
@@ -313,10 +370,10 @@ void addRun(std::vector<Segment>& segs, P a, P b) {
   double len = norm(b - a);
   P d = (b - a) * (1.0 / len);
   for (Segment& s : segs) {
-    // One line within 4 degrees and 3 pixels, either way round, and a gap
+    // One line within 4 degrees and 4.5 pixels, either way round, and a gap
     // no longer than the longer piece.
     P e = s.dir();
-    if (std::fabs(d.dot(e)) < 0.9976 || std::fabs(cross(e, a - s.a)) > 3 || std::fabs(cross(e, b - s.a)) > 3) continue;
+    if (std::fabs(d.dot(e)) < 0.9976 || std::fabs(cross(e, a - s.a)) > 4.5 || std::fabs(cross(e, b - s.a)) > 4.5) continue;
     double ta = (a - s.a).dot(e), tb = (b - s.a).dot(e);
     double lo = std::min(ta, tb), hi = std::max(ta, tb);
     double gap = std::max(lo - s.length, -hi);
@@ -337,19 +394,22 @@ void addRun(std::vector<Segment>& segs, P a, P b) {
 }
 
 // Where two pieces of edge could meet at a corner: the crossing of their
-// lines, near an end of each (a hidden or faded corner leaves a gap).
+// lines, near an end of one (a hidden or faded corner leaves a gap) and near
+// an end of the other or along it (a side that runs on, as a poster's lower
+// edge into the line of the floor).
 bool cornerOf(const Segment& s, const Segment& t, double maxAngle, P& at) {
   P d = s.dir(), e = t.dir();
-  double sine = std::fabs(cross(d, e));
-  if (sine < std::cos((90 - maxAngle) * CV_PI / 180) ) return false;  // too far from a right angle
+  if (std::fabs(cross(d, e)) < std::cos((90 - maxAngle) * CV_PI / 180)) return false;  // too far from square
   if (!intersect({s.a, d}, {t.a, e}, at)) return false;
-  for (const Segment* g : {&s, &t}) {
-    double u = (at - g->a).dot(g->dir());
-    double outside = std::max(-u, u - g->length), inside = std::min(u, g->length - u);
-    if (outside > 0.5 * g->length + 3) return false;
-    if (outside <= 0 && inside > 0.1 * g->length + 3) return false;
-  }
-  return true;
+  auto place = [&](const Segment& g) {
+    double u = (at - g.a).dot(g.dir());
+    double outside = std::max(-u, u - g.length), inside = std::min(u, g.length - u);
+    if (outside > 0.75 * g.length + 3) return 0;      // too far beyond its ends
+    if (outside > 0 || inside <= 0.1 * g.length + 3) return 2;  // at an end
+    return 1;                                          // along it
+  };
+  int ps = place(s), pt = place(t);
+  return (ps == 2 && pt >= 1) || (pt == 2 && ps >= 1);
 }
 
 // Quadrilaterals from the straight pieces of all outlines: four pieces that
@@ -406,9 +466,12 @@ void quadsFromSegments(const std::vector<std::vector<cv::Point>>& contours, doub
     }
 }
 
-void candidatesFromEdges(const cv::Mat& edges, const DetectParams& prm, double minSide, std::vector<Quad>& out) {
+// `edges`: one-pixel edges, for the straight pieces; `closed`: the same
+// thickened to close small gaps, for the outlines of regions.
+void candidatesFromEdges(const cv::Mat& edges, const cv::Mat& closed, const DetectParams& prm, double minSide,
+                         std::vector<Quad>& out) {
   std::vector<std::vector<cv::Point>> contours;
-  cv::findContours(edges, contours, cv::RETR_LIST, cv::CHAIN_APPROX_SIMPLE);
+  cv::findContours(closed, contours, cv::RETR_LIST, cv::CHAIN_APPROX_SIMPLE);
   std::vector<cv::Point> hull, poly;
   for (const auto& c : contours) {
     if (c.size() < 4 || cv::arcLength(c, true) < 3.2 * minSide) continue;
@@ -419,7 +482,25 @@ void candidatesFromEdges(const cv::Mat& edges, const DetectParams& prm, double m
     Quad q;
     if (quadFromPolygon(poly, perimeter, q)) out.push_back(q);
   }
+  cv::findContours(edges, contours, cv::RETR_LIST, cv::CHAIN_APPROX_SIMPLE);
   quadsFromSegments(contours, minSide, prm.quadratureTolerance + 5, out);
+}
+
+// How much of the outline the picture backs: the mean share of the sides
+// with an edge along them, the weakest side counting extra, less a little
+// for each side that runs on past a corner and much for each corner that is
+// neither reached by an edge nor hidden by anything.
+double confidenceOf(const Gradient& g, double threshold, const Quad& q) {
+  double mean = 0, least = 1;
+  int runOn = 0, empty = 0;
+  for (int i = 0; i < 4; i++) {
+    double s = support(g, threshold, q, i);
+    mean += s / 4;
+    least = std::min(least, s);
+    runOn += runsOn(g, threshold, q, i, 0) + runsOn(g, threshold, q, i, 1);
+    empty += emptyCorner(g, threshold, q, i);
+  }
+  return std::clamp(0.75 * mean + 0.25 * least - 0.06 * runOn - 0.25 * empty, 0.0, 1.0);
 }
 
 struct Scored {
@@ -491,8 +572,6 @@ std::vector<Observation> detectRectangles(const cv::Mat& input, const DetectPara
   const int w = work.cols, h = work.rows;
   const double minSide = std::max(prm.minimumSize * std::min(w, h), 4.0);
 
-  auto T = [] { timespec t; clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t); return t.tv_sec * 1e3 + t.tv_nsec / 1e6; };
-  double t0 = T();
   cv::Mat smooth;
   cv::GaussianBlur(work, smooth, cv::Size(0, 0), 1.2);
   Gradient g = gradientOf(smooth);
@@ -501,28 +580,24 @@ std::vector<Observation> detectRectangles(const cv::Mat& input, const DetectPara
   const double edgeThreshold = std::max(2.5 * g.typical, 1.0);
 
   std::vector<Quad> candidates;
-  cv::Mat edges;
+  cv::Mat edges, closed;
   const cv::Mat kernel = cv::getStructuringElement(cv::MORPH_RECT, cv::Size(3, 3));
   for (double level : {1.0, 2.5}) {
     // Canny works on 3x3 Sobel sums, eight times the slope in grey levels.
     double high = 8 * edgeThreshold * level;
     cv::Canny(smooth, edges, high / 2, high, 3, true);
-    cv::dilate(edges, edges, kernel);
-    if (getenv("KVDEBUG")) { static int k = 0; char nm[64]; snprintf(nm, 64, "/tmp/visdev/edges%d.pgm", k++); FILE* f = fopen(nm, "wb"); fprintf(f, "P5 %d %d 255\n", edges.cols, edges.rows); fwrite(edges.data, 1, edges.total(), f); fclose(f); fprintf(stderr, "thr %.2f typical %.2f\n", edgeThreshold, g.typical); }
-    candidatesFromEdges(edges, prm, minSide, candidates);
+    cv::dilate(edges, closed, kernel);
+    candidatesFromEdges(edges, closed, prm, minSide, candidates);
   }
 
-  double t1 = T();
   // Candidates far from the request's shapes are not worth refining.
   DetectParams loose = prm;
   loose.quadratureTolerance += 8;
   loose.minimumAspectRatio *= 0.8;
   loose.minimumSize *= 0.8;
   std::vector<Scored> scored;
-  static bool dbg = getenv("KVDEBUG");
   std::vector<Quad> tried;
   for (Quad q : candidates) {
-    if (dbg) fprintf(stderr, "cand %.0f,%.0f %.0f,%.0f %.0f,%.0f %.0f,%.0f\n", q.p[0].x, q.p[0].y, q.p[1].x, q.p[1].y, q.p[2].x, q.p[2].y, q.p[3].x, q.p[3].y);
     if (!convexClockwise(q) || !shapeAllowed(q, loose, w, h)) continue;
     // Several edges and both thresholds give the same outline: refine it once.
     bool seen = false;
@@ -534,19 +609,11 @@ std::vector<Observation> detectRectangles(const cv::Mat& input, const DetectPara
     if (seen) continue;
     tried.push_back(q);
     if (roughSupport(g, edgeThreshold, q) < 0.4) continue;
-    if (!refine(g, edgeThreshold, q, 4.0) || !refine(g, edgeThreshold, q, 1.5)) { if (dbg) fprintf(stderr, " refine failed\n"); continue; }
-    if (!convexClockwise(q) || !shapeAllowed(q, prm, w, h)) { if (dbg) fprintf(stderr, " shape failed\n"); continue; }
-    double s[4], mean = 0, least = 1;
-    for (int i = 0; i < 4; i++) {
-      s[i] = support(g, edgeThreshold, q, i);
-      mean += s[i] / 4;
-      least = std::min(least, s[i]);
-    }
-    double confidence = 0.75 * mean + 0.25 * least;
-    if (dbg) fprintf(stderr, " support %.2f %.2f %.2f %.2f conf %.2f\n", s[0], s[1], s[2], s[3], confidence);
+    if (!refine(g, edgeThreshold, q, 4.0) || !refine(g, edgeThreshold, q, 1.5)) continue;
+    if (!convexClockwise(q) || !shapeAllowed(q, prm, w, h)) continue;
+    double confidence = confidenceOf(g, edgeThreshold, q);
     if (confidence >= prm.minimumConfidence) scored.push_back({q, confidence});
   }
-  if (getenv("KVTIME")) fprintf(stderr, "prep+cand %.1f refine %.1f ms, %zu candidates %zu scored\n", t1 - t0, T() - t1, candidates.size(), scored.size());
   std::stable_sort(scored.begin(), scored.end(),
                    [](const Scored& a, const Scored& b) { return a.confidence > b.confidence; });
 
@@ -572,7 +639,6 @@ std::vector<Observation> detectRectangles(const cv::Mat& input, const DetectPara
     for (int i = 0; i < 4; i++) c[i] = {(s.q.p[i].x + 0.5) / w, (s.q.p[i].y + 0.5) / h};
     c = nameCorners(c);
     Observation o;
-    o.topLeft = c[0], o.topRight = c[1], o.bottomRight = c[2], o.bottomLeft = c[3];
     double x0 = 1, y0 = 1, x1 = 0, y1 = 0;
     for (Point2& p : c) {
       p.x = std::clamp(p.x, 0.0, 1.0), p.y = std::clamp(p.y, 0.0, 1.0);
