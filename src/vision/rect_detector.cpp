@@ -242,8 +242,8 @@ bool emptyCorner(const Gradient& g, double threshold, const Quad& q, int corner)
   double lenBefore = norm(q.p[corner] - q.p[before]), lenAfter = norm(q.p[(corner + 1) % 4] - q.p[corner]);
   double reachB = std::min(0.5, std::max(8.0, 0.12 * lenBefore) / lenBefore);
   double reachA = std::min(0.5, std::max(8.0, 0.12 * lenAfter) / lenAfter);
-  if (stretchSupport(g, threshold, q, before, 1 - reachB, 1) >= 0.5 ||
-      stretchSupport(g, threshold, q, after, 0, reachA) >= 0.5)
+  if (stretchSupport(g, 0.6 * threshold, q, before, 1 - reachB, 1) >= 0.5 ||
+      stretchSupport(g, 0.6 * threshold, q, after, 0, reachA) >= 0.5)
     return false;
   const double r = std::max(4.0, 0.05 * std::min(lenBefore, lenAfter));
   int busy = 0, total = 0;

@@ -33,6 +33,8 @@ class VisionPlugin {
  public:
   static constexpr const char* kChannel = "app.kavlen/vision";
 
+  // The loop and the pool must outlive the registration; the plug-in itself
+  // keeps no state.
   static void registerWith(host::Messenger& messenger, host::MainLoop& loop, host::WorkerPool& pool);
 
   // The channel's request on a picture file; nothing when the file cannot
