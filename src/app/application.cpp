@@ -19,6 +19,7 @@
 #include "audio_input_plugin.h"
 #include "channel_host.h"
 #include "video_export_plugin.h"
+#include "vision_plugin.h"
 #include "main_loop.h"
 #include "main_window.h"
 #include "media_plugins.h"
@@ -131,6 +132,7 @@ int runApplication(const std::vector<std::string>& paths) {
 
   outputs.attachMain(channels);
   exporter::VideoExportPlugin::registerWith(channels, loop, workers);
+  vision::VisionPlugin::registerWith(channels, loop, workers);
   services::WaveformPlugin::registerWith(channels, loop, workers);
   capture::AudioInputPlugin::registerWith(channels, loop);
   services::ThumbnailPlugin::registerWith(channels, loop, workers);

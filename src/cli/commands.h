@@ -13,6 +13,7 @@ int cmd_serve(int argc, char** argv);
 // True for a path the application opens as a project ("*.kvln", any case).
 bool looks_like_project(const char* arg);
 int cmd_export(int argc, char** argv);
+int cmd_detect(int argc, char** argv);
 
 // Prints "kavlen: <message>" on standard error and returns 1.
 int fail(const char* fmt, ...) __attribute__((format(printf, 1, 2)));

@@ -69,6 +69,7 @@ const Command kCommands[] = {
     {"devices", cmd_devices, "devices [--json]                              list the audio input devices"},
     {"listen", cmd_listen, "listen [--device ID] [--json] [--seconds N]   show a live input's level, beat, tempo"},
     {"serve", cmd_serve, "serve [PROJECT.kvln ...]                      run the application (also: kavlen alone)"},
+    {"detect", cmd_detect, "detect PICTURE [--json] [--png OVERLAY.png]   find rectangles in a picture"},
 };
 
 void usage(FILE* to) {
