@@ -206,6 +206,9 @@ class TransformNode : public Node {
     return t;
   }
 
+  bool isTranslation() const { return t_.a == 1 && t_.b == 0 && t_.c == 0 && t_.d == 1; }
+  const Image& input() const { return in_; }
+
  private:
   Image in_;
   Affine t_, inv_;
@@ -864,6 +867,10 @@ Image Image::perspective(P2 tl, P2 tr, P2 br, P2 bl) const {
   if (!n_ || extent().isInfinite() || extent().empty()) return {};
   for (P2 p : {tl, tr, br, bl})
     if (!std::isfinite(p.x) || !std::isfinite(p.y) || std::fabs(p.x) > 1e7 || std::fabs(p.y) > 1e7) return {};
+  // A moved image has the extent of its source moved: warp the source
+  // itself, which saves a resampling (the pieces of a mesh are such).
+  if (auto t = dynamic_cast<const TransformNode*>(n_.get()); t && t->isTranslation())
+    return t->input().perspective(tl, tr, br, bl);
   return Image(std::make_shared<PerspectiveNode>(*this, std::array<P2, 4>{tl, tr, br, bl}));
 }
 
