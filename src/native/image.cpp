@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <map>
 
@@ -21,11 +22,28 @@ int clampPix(double v) { return static_cast<int>(std::clamp(v, -static_cast<doub
 
 int chans(bool grayImage) { return grayImage ? 2 : 4; }
 
+// A new mat of one premultiplied value per pixel (OpenCV's own fill is slow
+// for four floats).
+cv::Mat filled(int rows, int cols, int ch, const float* v) {
+  cv::Mat m(rows, cols, CV_MAKETYPE(CV_32F, ch));
+  float* p = m.ptr<float>(0);  // new mats are continuous
+  size_t n = static_cast<size_t>(rows) * cols;
+  if (v[0] == 0 && v[1] == 0 && (ch == 2 || (v[2] == 0 && v[3] == 0))) {
+    std::memset(p, 0, n * ch * sizeof(float));
+  } else if (ch == 4) {
+    for (size_t i = 0; i < n; i++, p += 4) std::memcpy(p, v, 4 * sizeof(float));
+  } else {
+    for (size_t i = 0; i < n; i++, p += 2) std::memcpy(p, v, 2 * sizeof(float));
+  }
+  return m;
+}
+
 Tile blank(const IRect& r, int ch) {
   Tile t;
   t.rect = r;
   t.owned = true;
-  if (!r.empty()) t.m = cv::Mat::zeros(r.height(), r.width(), CV_MAKETYPE(CV_32F, ch));
+  const float zero[4] = {0, 0, 0, 0};
+  if (!r.empty()) t.m = filled(r.height(), r.width(), ch, zero);
   return t;
 }
 
@@ -76,6 +94,18 @@ void addPoint(Rect& r, double x, double y) {
 }
 constexpr Rect kNone{kHuge, kHuge, -kHuge, -kHuge};
 
+// One pixel is one four-float vector: d = a * f + d * (1 - alpha(a) * f).
+typedef float V4 __attribute__((vector_size(16)));
+void overRow4(const float* a, float* d, int n, float f) {
+  for (int x = 0; x < n; x++, a += 4, d += 4) {
+    V4 av, dv;
+    std::memcpy(&av, a, sizeof av);
+    std::memcpy(&dv, d, sizeof dv);
+    dv = av * f + dv * (1.0f - av[3] * f);
+    std::memcpy(d, &dv, sizeof dv);
+  }
+}
+
 class ColorNode : public Node {
  public:
   explicit ColorNode(Color c) : c_(c) {
@@ -88,10 +118,8 @@ class ColorNode : public Node {
     t.rect = r;
     t.owned = true;
     if (r.empty()) return t;
-    if (gray)
-      t.m = cv::Mat(r.height(), r.width(), CV_32FC2, cv::Scalar(c_.g * c_.a, c_.a));
-    else
-      t.m = cv::Mat(r.height(), r.width(), CV_32FC4, cv::Scalar(c_.r * c_.a, c_.g * c_.a, c_.b * c_.a, c_.a));
+    const float g[4] = {c_.g * c_.a, c_.a, 0, 0}, v[4] = {c_.r * c_.a, c_.g * c_.a, c_.b * c_.a, c_.a};
+    t.m = filled(r.height(), r.width(), gray ? 2 : 4, gray ? g : v);
     return t;
   }
 
@@ -144,6 +172,38 @@ IRect pixelsOf(const Node& n) {
   return IRect::enclosing(n.extent);
 }
 
+// A warp reads the bounding box of what its output maps back to. For a thin
+// band turned by the warp that box is far larger than the band's preimage,
+// so such outputs are drawn in square pieces, each reading a small box.
+constexpr int kPiece = 64;
+
+bool wastefulBox(const std::array<std::array<double, 2>, 4>& back) {
+  double x0 = kHuge, y0 = kHuge, x1 = -kHuge, y1 = -kHuge, area = 0;
+  for (int i = 0; i < 4; i++) {
+    const auto &p = back[i], &q = back[(i + 1) % 4];
+    x0 = std::min(x0, p[0]);
+    y0 = std::min(y0, p[1]);
+    x1 = std::max(x1, p[0]);
+    y1 = std::max(y1, p[1]);
+    area += p[0] * q[1] - q[0] * p[1];
+  }
+  return (x1 - x0) * (y1 - y0) > 2 * std::fabs(area) * 0.5 + 4096;
+}
+
+template <typename Part>
+Tile inPieces(const IRect& out, int ch, Part part) {
+  Tile t = blank(out, ch);
+  for (int y = out.y0; y < out.y1; y += kPiece)
+    for (int x = out.x0; x < out.x1; x += kPiece) {
+      IRect r{x, y, std::min(x + kPiece, out.x1), std::min(y + kPiece, out.y1)};
+      Tile p = part(r);
+      if (p.empty()) continue;
+      cv::Mat src = p.m.channels() == ch ? p.m : widen(p.m);
+      src.copyTo(t.m(cv::Rect(p.rect.x0 - out.x0, p.rect.y0 - out.y0, p.rect.width(), p.rect.height())));
+    }
+  return t;
+}
+
 class TransformNode : public Node {
  public:
   TransformNode(Image in, const Affine& t) : in_(std::move(in)), t_(t), inv_(t.inverse()) {
@@ -184,6 +244,15 @@ class TransformNode : public Node {
       s.rect = {s.rect.x0 + dx, s.rect.y0 + dy, s.rect.x1 + dx, s.rect.y1 + dy};
       return s;
     }
+    if (out.width() > kPiece || out.height() > kPiece) {
+      std::array<std::array<double, 2>, 4> corners{inv_.map(out.x0, out.y0), inv_.map(out.x1, out.y0),
+                                                   inv_.map(out.x1, out.y1), inv_.map(out.x0, out.y1)};
+      if (wastefulBox(corners)) return inPieces(out, chans(gray), [this](const IRect& r) { return part(r); });
+    }
+    return part(out);
+  }
+
+  Tile part(const IRect& out) const {
     Rect back{kHuge, kHuge, -kHuge, -kHuge};
     for (double x : {out.x0, out.x1})
       for (double y : {out.y0, out.y1}) {
@@ -292,13 +361,7 @@ class OverNode : public Node {
       float* d = acc.m.ptr<float>(y - acc.rect.y0) + (i.x0 - acc.rect.x0) * ch;
       int n = i.width();
       if (ch == 4) {
-        for (int x = 0; x < n; x++, a += 4, d += 4) {
-          float k = 1.0f - a[3] * f;
-          d[0] = a[0] * f + d[0] * k;
-          d[1] = a[1] * f + d[1] * k;
-          d[2] = a[2] * f + d[2] * k;
-          d[3] = a[3] * f + d[3] * k;
-        }
+        overRow4(a, d, n, f);
       } else {
         for (int x = 0; x < n; x++, a += 2, d += 2) {
           float k = 1.0f - a[1] * f;
@@ -607,7 +670,8 @@ Tile OverNode::renderColor4(const Node& n, const IRect& r) {
   t.rect = r;
   t.owned = true;
   Color c = color->color();
-  if (!r.empty()) t.m = cv::Mat(r.height(), r.width(), CV_32FC4, cv::Scalar(c.r * c.a, c.g * c.a, c.b * c.a, c.a));
+  const float v[4] = {c.r * c.a, c.g * c.a, c.b * c.a, c.a};
+  if (!r.empty()) t.m = filled(r.height(), r.width(), 4, v);
   return t;
 }
 
@@ -640,6 +704,22 @@ class PerspectiveNode : public Node {
   Tile render(const IRect& req) const override {
     IRect out = req.intersect(liveOf(*this));
     if (out.empty()) return {};
+    if (out.width() > kPiece || out.height() > kPiece) {
+      std::array<std::array<double, 2>, 4> corners;
+      bool finite = true;
+      int k = 0;
+      for (auto [x, y] : {std::pair{out.x0, out.y0}, {out.x1, out.y0}, {out.x1, out.y1}, {out.x0, out.y1}}) {
+        double w = hinv_(2, 0) * x + hinv_(2, 1) * y + hinv_(2, 2);
+        finite = finite && w > 1e-12;
+        corners[k++] = {(hinv_(0, 0) * x + hinv_(0, 1) * y + hinv_(0, 2)) / w,
+                        (hinv_(1, 0) * x + hinv_(1, 1) * y + hinv_(1, 2)) / w};
+      }
+      if (finite && wastefulBox(corners)) return inPieces(out, chans(gray), [this](const IRect& r) { return part(r); });
+    }
+    return part(out);
+  }
+
+  Tile part(const IRect& out) const {
     IRect all = liveOf(*in_.node());
     IRect src = all;
     Rect back{kHuge, kHuge, -kHuge, -kHuge};
@@ -880,7 +960,8 @@ Image Image::materialized() const {
   if (live.empty() || live.x0 <= -kPixLimit || live.y0 <= -kPixLimit || live.x1 >= kPixLimit || live.y1 >= kPixLimit)
     return *this;
   int ch = chans(n_->gray);
-  cv::Mat m = cv::Mat::zeros(live.height(), live.width(), CV_MAKETYPE(CV_32F, ch));
+  const float zero[4] = {0, 0, 0, 0};
+  cv::Mat m = filled(live.height(), live.width(), ch, zero);
   // Few tall bands: filters of a wide reach pay their margin once a band.
   int bandRows = std::max(kBandRows, (live.height() + 2 * cv::getNumThreads() - 1) / (2 * cv::getNumThreads()));
   int bands = (live.height() + bandRows - 1) / bandRows;
