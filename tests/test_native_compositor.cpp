@@ -126,4 +126,26 @@ TEST(NativeCompositor, AgreesWithTheCpuCompositor) {
   EXPECT_GE(nativetest::agreement(native, cpu, 4), 0.99);
 }
 
+// Where the models differ by design the frames differ: a colour paint
+// without "argb" is transparent here and opaque black in the engine, and a
+// clip shows on an invisible layer here while the engine keeps it hidden.
+TEST(NativeCompositor, DiffersFromTheEngineWhereTheModelsDo) {
+  std::string scene = R"({"outputs": [{"id": "o", "resolution": [40, 20]}], "mappings": [
+    {"id": "white", "corners": )" + kFull + R"(, "paint": {"type": "color", "argb": 4294967295}},
+    {"id": "noargb", "corners": [[0,0],[0.5,0],[0.5,1],[0,1]], "paint": {"type": "color"}},
+    {"id": "hidden", "visible": false, "corners": [[0.5,0],[1,0],[1,1],[0.5,1]], "paint": {"type": "color"},
+     "clips": [{"startMs": 0, "lengthMs": 1000, "paint": {"type": "color", "argb": 4294901760}}]}]})";
+  Frame native = render(scene, 40, 20);
+  kvl_engine* e = kvl_engine_create(scene.c_str(), 40, 20, "o");
+  ASSERT_NE(e, nullptr);
+  Frame cpu{40, 20, std::vector<uint8_t>(40 * 20 * 4)};
+  ASSERT_EQ(kvl_engine_render(e, 0, cpu.rgba.data(), 40 * 4), 0);
+  kvl_engine_destroy(e);
+  EXPECT_EQ(native.at(10, 10)[1], 255);  // white shows through
+  EXPECT_EQ(cpu.at(10, 10)[1], 0);       // opaque black
+  EXPECT_EQ(native.at(30, 10)[0], 255);  // the clip's red
+  EXPECT_EQ(native.at(30, 10)[1], 0);
+  EXPECT_EQ(cpu.at(30, 10)[1], 255);     // still the white below
+}
+
 }  // namespace
