@@ -70,6 +70,22 @@ TEST(NativeCompositor, LayersThatDrawNothing) {
     {"corners": )" + kFull + R"(, "paint": {"type": "gradient", "argb": 4294967295}})"), 32, 18)));
 }
 
+// Collapsed or collinear corners, far-away points, offsets and effect sizes
+// of 1e9 and more: the frame is still made, in bounded time and memory.
+TEST(NativeCompositor, AbsurdGeometryAndSizes) {
+  Frame f = render(mappings(R"(
+    {"corners": [[0.5,0.5],[0.5,0.5],[0.5,0.5],[0.5,0.5]], "paint": {"type": "color", "argb": 4294967295}},
+    {"corners": [[0.1,0.1],[0.5,0.5],[0.9,0.9],[0.2,0.2]], "paint": {"type": "color", "argb": 4294967295},
+     "effects": {"stroke": {"width": 5, "argb": 4294901760}, "glow": {"radius": 1e7}}},
+    {"corners": [[1e9,0],[1,0],[1,1],[0,1]], "paint": {"type": "color", "argb": 4294967295}},
+    {"corners": )" + kFull + R"(, "paint": {"type": "color", "argb": 4278190335}, "mesh": {"cols": 12, "rows": 12}},
+    {"shape": {"kind": "ellipse", "vertices": [[0,0],[1,0],[1,1]]}, "paint": {"type": "text", "text": "x", "size": -3,
+     "arc": 1e308}, "effects": {"bevel": {"depth": 1e9}}},
+    {"corners": )" + kFull + R"(, "paint": {"type": "text", "text": "blur"}, "effects": {"shadow": {"blur": 1e12}}})"),
+                   160, 90);
+  EXPECT_EQ(f.at(80, 45)[3], 255);
+}
+
 TEST(NativeCompositor, MeshRulesAndOpacity) {
   const std::string quad = R"("corners": [[0.1,0.1],[0.9,0.2],[0.8,0.9],[0.2,0.8]], "paint": {"type": "image", "path": "media/checker.png"})";
   Frame plain = render(mappings("{" + quad + "}"), 64, 36, 0, kDemo);

@@ -17,6 +17,10 @@ constexpr double kHuge = 1e300;
 constexpr int kPixLimit = 1 << 28;  // pixel coordinates beyond this are "infinite"
 constexpr int kBandRows = 32;      // rows rendered at a time
 constexpr int kBlockCols = 512;    // columns rendered at a time
+// Largest blur and morphology radii: far beyond any effect a frame can show,
+// and what keeps the margins a render reads (three radii to each side)
+// within tens of megabytes whatever a document asks for.
+constexpr double kMaxBlur = 64, kMaxMorph = 64;
 
 int clampPix(double v) { return static_cast<int>(std::clamp(v, -static_cast<double>(kPixLimit), static_cast<double>(kPixLimit))); }
 
@@ -917,15 +921,15 @@ Image Image::clampedToExtent() const {
 }
 Image Image::blurred(double r) const {
   if (!n_ || !(r > 0)) return *this;
-  return Image(std::make_shared<BlurNode>(*this, std::min(r, 2000.0)));
+  return Image(std::make_shared<BlurNode>(*this, std::min(r, kMaxBlur)));
 }
 Image Image::dilated(double r) const {
   if (!n_ || !(r > 0)) return *this;
-  return Image(std::make_shared<MorphNode>(*this, std::min(r, 2000.0), true));
+  return Image(std::make_shared<MorphNode>(*this, std::min(r, kMaxMorph), true));
 }
 Image Image::eroded(double r) const {
   if (!n_ || !(r > 0)) return *this;
-  return Image(std::make_shared<MorphNode>(*this, std::min(r, 2000.0), false));
+  return Image(std::make_shared<MorphNode>(*this, std::min(r, kMaxMorph), false));
 }
 Image Image::blendWithMask(const Image& bg, const Image& mask) const {
   if (!n_ || bg.isNull() || mask.isNull()) return {};
