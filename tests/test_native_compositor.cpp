@@ -7,6 +7,8 @@
 
 #include <filesystem>
 #include <fstream>
+#include <sstream>
+#include <thread>
 
 #include "image_file.h"
 #include "kavlen/kavlen.h"
@@ -90,6 +92,33 @@ TEST(NativeCompositor, AbsurdGeometryAndSizes) {
     {"corners": )" + kFull + R"(, "paint": {"type": "text", "text": "blur"}, "effects": {"shadow": {"blur": 1e12}}})"),
                    160, 90);
   EXPECT_EQ(f.at(80, 45)[3], 255);
+}
+
+// Exports run a compositor each on their own threads: frames drawn side by
+// side, text included, are those drawn alone.
+TEST(NativeCompositor, ConcurrentCompositorsDrawAlike) {
+  std::ifstream f(kDemo + "/scene.json");
+  std::stringstream text;
+  text << f.rdbuf();
+  std::string scene = text.str();
+  scene.insert(scene.rfind(']'), R"(, {"id": "cap", "corners": [[0.1,0.1],[0.9,0.1],[0.9,0.9],[0.1,0.9]],
+    "paint": {"type": "text", "text": "Side by side", "argb": 4294967295}, "effects": {"stroke": {"width": 3}}})");
+  auto frames = [&] {
+    std::vector<std::vector<uint8_t>> out;
+    kavlen::native::NativeCompositor c(kavlen::native::NativeScene::jsonText(scene, 160, 90), kDemo);
+    for (int64_t ms : {0, 500, 1000}) {
+      out.emplace_back(160 * 90 * 4);
+      c.render(ms, out.back().data(), 160 * 4);
+    }
+    return out;
+  };
+  nativetest::useBundledFonts();
+  std::vector<std::vector<uint8_t>> alone = frames(), a, b;
+  std::thread t1([&] { a = frames(); }), t2([&] { b = frames(); });
+  t1.join();
+  t2.join();
+  EXPECT_EQ(a, alone);
+  EXPECT_EQ(b, alone);
 }
 
 TEST(NativeCompositor, MeshRulesAndOpacity) {

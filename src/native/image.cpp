@@ -465,6 +465,7 @@ class BlurNode : public Node {
     if (out.empty()) return {};
     IRect big = grownBy(out, reach_);
     Tile t = placed(in_.node()->render(big), big, chans(gray));
+    if (!t.owned) t.m = t.m.clone();  // blurred in place: never a shared picture
     gaussian(t.m, sigma_);
     Tile o;
     o.rect = out;
