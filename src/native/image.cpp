@@ -176,6 +176,25 @@ IRect pixelsOf(const Node& n) {
   return IRect::enclosing(n.extent);
 }
 
+// Runs fn over 0..n in parallel on OpenCV's workers. Under the thread
+// sanitizer it runs in the calling thread: OpenCV's pool (TBB here) is not
+// instrumented, so its hand-offs would all read as races.
+#if defined(__SANITIZE_THREAD__)
+#define KAVLEN_SERIAL_BLOCKS 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define KAVLEN_SERIAL_BLOCKS 1
+#endif
+#endif
+template <typename Fn>
+void forRanges(int n, Fn&& fn) {
+#ifdef KAVLEN_SERIAL_BLOCKS
+  fn(cv::Range(0, n));
+#else
+  cv::parallel_for_(cv::Range(0, n), fn);
+#endif
+}
+
 // A warp reads the bounding box of what its output maps back to. For a thin
 // band turned by the warp that box is far larger than the band's preimage,
 // so such outputs are drawn in square pieces, each reading a small box.
@@ -970,7 +989,7 @@ Image Image::materialized() const {
   // Few tall bands: filters of a wide reach pay their margin once a band.
   int bandRows = std::max(kBandRows, (live.height() + 2 * cv::getNumThreads() - 1) / (2 * cv::getNumThreads()));
   int bands = (live.height() + bandRows - 1) / bandRows;
-  cv::parallel_for_(cv::Range(0, bands), [&](const cv::Range& range) {
+  forRanges(bands, [&](const cv::Range& range) {
     for (int b = range.start; b < range.end; b++) {
       IRect band{live.x0, live.y0 + b * bandRows, live.x1, std::min(live.y1, live.y0 + (b + 1) * bandRows)};
       Tile t = n_->render(band);
@@ -997,7 +1016,7 @@ void renderInto(const Image& image, const IRect& r, PixelOrder order, bool strai
   // Blocks rendered in parallel: every buffer of the graph then stays
   // small enough for the caches, and no frame-sized one is made.
   int rows = (r.height() + kBandRows - 1) / kBandRows, cols = (r.width() + kBlockCols - 1) / kBlockCols;
-  cv::parallel_for_(cv::Range(0, rows * cols), [&](const cv::Range& range) {
+  forRanges(rows * cols, [&](const cv::Range& range) {
     for (int b = range.start; b < range.end; b++) {
       // Block b holds output rows from its top down, top row first.
       int top = r.y1 - (b / cols) * kBandRows, bottom = std::max(r.y0, top - kBandRows);
