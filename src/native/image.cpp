@@ -1,9 +1,11 @@
 #include "image.h"
 
+#include "image_kernels.h"
+
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
-#include <map>
 
 #include <opencv2/core/utility.hpp>
 #include <opencv2/imgproc.hpp>
@@ -16,16 +18,37 @@ constexpr double kHuge = 1e300;
 constexpr int kPixLimit = 1 << 28;  // pixel coordinates beyond this are "infinite"
 constexpr int kBandRows = 32;      // rows rendered at a time
 constexpr int kBlockCols = 512;    // columns rendered at a time
+// Largest blur and morphology radii: far beyond any effect a frame can show,
+// and what keeps the margins a render reads (three radii to each side)
+// within tens of megabytes whatever a document asks for.
+constexpr double kMaxBlur = 64, kMaxMorph = 64;
 
 int clampPix(double v) { return static_cast<int>(std::clamp(v, -static_cast<double>(kPixLimit), static_cast<double>(kPixLimit))); }
 
 int chans(bool grayImage) { return grayImage ? 2 : 4; }
 
+// A new mat of one premultiplied value per pixel (OpenCV's own fill is slow
+// for four floats).
+cv::Mat filled(int rows, int cols, int ch, const float* v) {
+  cv::Mat m(rows, cols, CV_MAKETYPE(CV_32F, ch));
+  float* p = m.ptr<float>(0);  // new mats are continuous
+  size_t n = static_cast<size_t>(rows) * cols;
+  if (v[0] == 0 && v[1] == 0 && (ch == 2 || (v[2] == 0 && v[3] == 0))) {
+    std::memset(p, 0, n * ch * sizeof(float));
+  } else if (ch == 4) {
+    for (size_t i = 0; i < n; i++, p += 4) std::memcpy(p, v, 4 * sizeof(float));
+  } else {
+    for (size_t i = 0; i < n; i++, p += 2) std::memcpy(p, v, 2 * sizeof(float));
+  }
+  return m;
+}
+
 Tile blank(const IRect& r, int ch) {
   Tile t;
   t.rect = r;
   t.owned = true;
-  if (!r.empty()) t.m = cv::Mat::zeros(r.height(), r.width(), CV_MAKETYPE(CV_32F, ch));
+  const float zero[4] = {0, 0, 0, 0};
+  if (!r.empty()) t.m = filled(r.height(), r.width(), ch, zero);
   return t;
 }
 
@@ -76,6 +99,18 @@ void addPoint(Rect& r, double x, double y) {
 }
 constexpr Rect kNone{kHuge, kHuge, -kHuge, -kHuge};
 
+// One pixel is one four-float vector: d = a * f + d * (1 - alpha(a) * f).
+typedef float V4 __attribute__((vector_size(16)));
+void overRow4(const float* a, float* d, int n, float f) {
+  for (int x = 0; x < n; x++, a += 4, d += 4) {
+    V4 av, dv;
+    std::memcpy(&av, a, sizeof av);
+    std::memcpy(&dv, d, sizeof dv);
+    dv = av * f + dv * (1.0f - av[3] * f);
+    std::memcpy(d, &dv, sizeof dv);
+  }
+}
+
 class ColorNode : public Node {
  public:
   explicit ColorNode(Color c) : c_(c) {
@@ -88,10 +123,8 @@ class ColorNode : public Node {
     t.rect = r;
     t.owned = true;
     if (r.empty()) return t;
-    if (gray)
-      t.m = cv::Mat(r.height(), r.width(), CV_32FC2, cv::Scalar(c_.g * c_.a, c_.a));
-    else
-      t.m = cv::Mat(r.height(), r.width(), CV_32FC4, cv::Scalar(c_.r * c_.a, c_.g * c_.a, c_.b * c_.a, c_.a));
+    const float g[4] = {c_.g * c_.a, c_.a, 0, 0}, v[4] = {c_.r * c_.a, c_.g * c_.a, c_.b * c_.a, c_.a};
+    t.m = filled(r.height(), r.width(), gray ? 2 : 4, gray ? g : v);
     return t;
   }
 
@@ -144,6 +177,57 @@ IRect pixelsOf(const Node& n) {
   return IRect::enclosing(n.extent);
 }
 
+// Runs fn over 0..n in parallel on OpenCV's workers. Under the thread
+// sanitizer it runs in the calling thread: OpenCV's pool (TBB here) is not
+// instrumented, so its hand-offs would all read as races.
+#if defined(__SANITIZE_THREAD__)
+#define KAVLEN_SERIAL_BLOCKS 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define KAVLEN_SERIAL_BLOCKS 1
+#endif
+#endif
+template <typename Fn>
+void forRanges(int n, Fn&& fn) {
+#ifdef KAVLEN_SERIAL_BLOCKS
+  fn(cv::Range(0, n));
+#else
+  cv::parallel_for_(cv::Range(0, n), fn);
+#endif
+}
+
+// A warp reads the bounding box of what its output maps back to. For a thin
+// band turned by the warp that box is far larger than the band's preimage,
+// so such outputs are drawn in square pieces, each reading a small box.
+constexpr int kPiece = 64;
+
+bool wastefulBox(const std::array<std::array<double, 2>, 4>& back) {
+  double x0 = kHuge, y0 = kHuge, x1 = -kHuge, y1 = -kHuge, area = 0;
+  for (int i = 0; i < 4; i++) {
+    const auto &p = back[i], &q = back[(i + 1) % 4];
+    x0 = std::min(x0, p[0]);
+    y0 = std::min(y0, p[1]);
+    x1 = std::max(x1, p[0]);
+    y1 = std::max(y1, p[1]);
+    area += p[0] * q[1] - q[0] * p[1];
+  }
+  return (x1 - x0) * (y1 - y0) > 2 * std::fabs(area) * 0.5 + 4096;
+}
+
+template <typename Part>
+Tile inPieces(const IRect& out, int ch, Part part) {
+  Tile t = blank(out, ch);
+  for (int y = out.y0; y < out.y1; y += kPiece)
+    for (int x = out.x0; x < out.x1; x += kPiece) {
+      IRect r{x, y, std::min(x + kPiece, out.x1), std::min(y + kPiece, out.y1)};
+      Tile p = part(r);
+      if (p.empty()) continue;
+      cv::Mat src = p.m.channels() == ch ? p.m : widen(p.m);
+      src.copyTo(t.m(cv::Rect(p.rect.x0 - out.x0, p.rect.y0 - out.y0, p.rect.width(), p.rect.height())));
+    }
+  return t;
+}
+
 class TransformNode : public Node {
  public:
   TransformNode(Image in, const Affine& t) : in_(std::move(in)), t_(t), inv_(t.inverse()) {
@@ -184,6 +268,15 @@ class TransformNode : public Node {
       s.rect = {s.rect.x0 + dx, s.rect.y0 + dy, s.rect.x1 + dx, s.rect.y1 + dy};
       return s;
     }
+    if (out.width() > kPiece || out.height() > kPiece) {
+      std::array<std::array<double, 2>, 4> corners{inv_.map(out.x0, out.y0), inv_.map(out.x1, out.y0),
+                                                   inv_.map(out.x1, out.y1), inv_.map(out.x0, out.y1)};
+      if (wastefulBox(corners)) return inPieces(out, chans(gray), [this](const IRect& r) { return part(r); });
+    }
+    return part(out);
+  }
+
+  Tile part(const IRect& out) const {
     Rect back{kHuge, kHuge, -kHuge, -kHuge};
     for (double x : {out.x0, out.x1})
       for (double y : {out.y0, out.y1}) {
@@ -205,6 +298,9 @@ class TransformNode : public Node {
                    cv::BORDER_CONSTANT, cv::Scalar::all(0));
     return t;
   }
+
+  bool isTranslation() const { return t_.a == 1 && t_.b == 0 && t_.c == 0 && t_.d == 1; }
+  const Image& input() const { return in_; }
 
  private:
   Image in_;
@@ -289,13 +385,7 @@ class OverNode : public Node {
       float* d = acc.m.ptr<float>(y - acc.rect.y0) + (i.x0 - acc.rect.x0) * ch;
       int n = i.width();
       if (ch == 4) {
-        for (int x = 0; x < n; x++, a += 4, d += 4) {
-          float k = 1.0f - a[3] * f;
-          d[0] = a[0] * f + d[0] * k;
-          d[1] = a[1] * f + d[1] * k;
-          d[2] = a[2] * f + d[2] * k;
-          d[3] = a[3] * f + d[3] * k;
-        }
+        overRow4(a, d, n, f);
       } else {
         for (int x = 0; x < n; x++, a += 2, d += 2) {
           float k = 1.0f - a[1] * f;
@@ -360,26 +450,6 @@ class ClampNode : public Node {
   IRect e_;
 };
 
-// Gaussian blur of a whole mat; large radii as three box passes, which stay
-// within a few per cent of the true kernel and cost the same at any radius.
-void gaussian(cv::Mat& m, double sigma) {
-  if (sigma <= 0) return;
-  if (sigma <= 3) {
-    int k = 2 * static_cast<int>(std::ceil(3 * sigma)) + 1;
-    cv::GaussianBlur(m, m, cv::Size(k, k), sigma, sigma, cv::BORDER_REPLICATE);
-    return;
-  }
-  double ideal = std::sqrt(12 * sigma * sigma / 3 + 1);
-  int wl = static_cast<int>(std::floor(ideal));
-  if (wl % 2 == 0) wl--;
-  int wu = wl + 2;
-  int mcount = static_cast<int>(std::lround((12 * sigma * sigma - 3.0 * wl * wl - 12.0 * wl - 9) / (-4.0 * wl - 4)));
-  for (int i = 0; i < 3; i++) {
-    int w = i < mcount ? wl : wu;
-    cv::blur(m, m, cv::Size(w, w), cv::Point(-1, -1), cv::BORDER_REPLICATE);
-  }
-}
-
 int blurReach(double sigma) { return sigma <= 0 ? 0 : static_cast<int>(std::ceil(3 * sigma)) + 1; }
 
 class BlurNode : public Node {
@@ -395,6 +465,7 @@ class BlurNode : public Node {
     if (out.empty()) return {};
     IRect big = grownBy(out, reach_);
     Tile t = placed(in_.node()->render(big), big, chans(gray));
+    if (!t.owned) t.m = t.m.clone();  // blurred in place: never a shared picture
     gaussian(t.m, sigma_);
     Tile o;
     o.rect = out;
@@ -407,46 +478,6 @@ class BlurNode : public Node {
   double sigma_;
   int reach_;
 };
-
-// Dilation (or erosion) by OpenCV's elliptic element of radius r, of the
-// inner w x h of `in` (which has r more on every side). The disc is taken
-// apart into its rows: each row width is one fast rectangular pass of
-// OpenCV along x, and the rows are then combined with a running maximum
-// along y. The result is the same as one pass with the whole element, at a
-// fraction of the cost for large radii.
-cv::Mat discMorph(const cv::Mat& in, int r, bool max, int w, int h) {
-  cv::Mat kernel = cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(2 * r + 1, 2 * r + 1));
-  cv::Mat out;
-  if (r <= 2) {
-    cv::Mat res;
-    if (max)
-      cv::dilate(in, res, kernel, cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
-    else
-      cv::erode(in, res, kernel, cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
-    return res(cv::Rect(r, r, w, h));
-  }
-  std::map<int, cv::Mat> byHalfWidth;  // the rows of `in` spread along x
-  for (int dy = -r; dy <= r; dy++) {
-    int half = (cv::countNonZero(kernel.row(dy + r)) - 1) / 2;
-    cv::Mat& spread = byHalfWidth[half];
-    if (spread.empty()) {
-      cv::Mat line = cv::getStructuringElement(cv::MORPH_RECT, cv::Size(2 * half + 1, 1));
-      cv::Mat rows = in.rowRange(0, in.rows);
-      if (max)
-        cv::dilate(rows, spread, line, cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
-      else
-        cv::erode(rows, spread, line, cv::Point(-1, -1), 1, cv::BORDER_REPLICATE);
-    }
-    cv::Mat part = spread(cv::Rect(r, r + dy, w, h));
-    if (out.empty())
-      out = part.clone();
-    else if (max)
-      cv::max(out, part, out);
-    else
-      cv::min(out, part, out);
-  }
-  return out;
-}
 
 class MorphNode : public Node {
  public:
@@ -604,7 +635,8 @@ Tile OverNode::renderColor4(const Node& n, const IRect& r) {
   t.rect = r;
   t.owned = true;
   Color c = color->color();
-  if (!r.empty()) t.m = cv::Mat(r.height(), r.width(), CV_32FC4, cv::Scalar(c.r * c.a, c.g * c.a, c.b * c.a, c.a));
+  const float v[4] = {c.r * c.a, c.g * c.a, c.b * c.a, c.a};
+  if (!r.empty()) t.m = filled(r.height(), r.width(), 4, v);
   return t;
 }
 
@@ -637,6 +669,22 @@ class PerspectiveNode : public Node {
   Tile render(const IRect& req) const override {
     IRect out = req.intersect(liveOf(*this));
     if (out.empty()) return {};
+    if (out.width() > kPiece || out.height() > kPiece) {
+      std::array<std::array<double, 2>, 4> corners;
+      bool finite = true;
+      int k = 0;
+      for (auto [x, y] : {std::pair{out.x0, out.y0}, {out.x1, out.y0}, {out.x1, out.y1}, {out.x0, out.y1}}) {
+        double w = hinv_(2, 0) * x + hinv_(2, 1) * y + hinv_(2, 2);
+        finite = finite && w > 1e-12;
+        corners[k++] = {(hinv_(0, 0) * x + hinv_(0, 1) * y + hinv_(0, 2)) / w,
+                        (hinv_(1, 0) * x + hinv_(1, 1) * y + hinv_(1, 2)) / w};
+      }
+      if (finite && wastefulBox(corners)) return inPieces(out, chans(gray), [this](const IRect& r) { return part(r); });
+    }
+    return part(out);
+  }
+
+  Tile part(const IRect& out) const {
     IRect all = liveOf(*in_.node());
     IRect src = all;
     Rect back{kHuge, kHuge, -kHuge, -kHuge};
@@ -834,15 +882,15 @@ Image Image::clampedToExtent() const {
 }
 Image Image::blurred(double r) const {
   if (!n_ || !(r > 0)) return *this;
-  return Image(std::make_shared<BlurNode>(*this, std::min(r, 2000.0)));
+  return Image(std::make_shared<BlurNode>(*this, std::min(r, kMaxBlur)));
 }
 Image Image::dilated(double r) const {
   if (!n_ || !(r > 0)) return *this;
-  return Image(std::make_shared<MorphNode>(*this, std::min(r, 2000.0), true));
+  return Image(std::make_shared<MorphNode>(*this, std::min(r, kMaxMorph), true));
 }
 Image Image::eroded(double r) const {
   if (!n_ || !(r > 0)) return *this;
-  return Image(std::make_shared<MorphNode>(*this, std::min(r, 2000.0), false));
+  return Image(std::make_shared<MorphNode>(*this, std::min(r, kMaxMorph), false));
 }
 Image Image::blendWithMask(const Image& bg, const Image& mask) const {
   if (!n_ || bg.isNull() || mask.isNull()) return {};
@@ -864,6 +912,10 @@ Image Image::perspective(P2 tl, P2 tr, P2 br, P2 bl) const {
   if (!n_ || extent().isInfinite() || extent().empty()) return {};
   for (P2 p : {tl, tr, br, bl})
     if (!std::isfinite(p.x) || !std::isfinite(p.y) || std::fabs(p.x) > 1e7 || std::fabs(p.y) > 1e7) return {};
+  // A moved image has the extent of its source moved: warp the source
+  // itself, which saves a resampling (the pieces of a mesh are such).
+  if (auto t = dynamic_cast<const TransformNode*>(n_.get()); t && t->isTranslation())
+    return t->input().perspective(tl, tr, br, bl);
   return Image(std::make_shared<PerspectiveNode>(*this, std::array<P2, 4>{tl, tr, br, bl}));
 }
 
@@ -873,11 +925,12 @@ Image Image::materialized() const {
   if (live.empty() || live.x0 <= -kPixLimit || live.y0 <= -kPixLimit || live.x1 >= kPixLimit || live.y1 >= kPixLimit)
     return *this;
   int ch = chans(n_->gray);
-  cv::Mat m = cv::Mat::zeros(live.height(), live.width(), CV_MAKETYPE(CV_32F, ch));
+  const float zero[4] = {0, 0, 0, 0};
+  cv::Mat m = filled(live.height(), live.width(), ch, zero);
   // Few tall bands: filters of a wide reach pay their margin once a band.
   int bandRows = std::max(kBandRows, (live.height() + 2 * cv::getNumThreads() - 1) / (2 * cv::getNumThreads()));
   int bands = (live.height() + bandRows - 1) / bandRows;
-  cv::parallel_for_(cv::Range(0, bands), [&](const cv::Range& range) {
+  forRanges(bands, [&](const cv::Range& range) {
     for (int b = range.start; b < range.end; b++) {
       IRect band{live.x0, live.y0 + b * bandRows, live.x1, std::min(live.y1, live.y0 + (b + 1) * bandRows)};
       Tile t = n_->render(band);
@@ -904,7 +957,7 @@ void renderInto(const Image& image, const IRect& r, PixelOrder order, bool strai
   // Blocks rendered in parallel: every buffer of the graph then stays
   // small enough for the caches, and no frame-sized one is made.
   int rows = (r.height() + kBandRows - 1) / kBandRows, cols = (r.width() + kBlockCols - 1) / kBlockCols;
-  cv::parallel_for_(cv::Range(0, rows * cols), [&](const cv::Range& range) {
+  forRanges(rows * cols, [&](const cv::Range& range) {
     for (int b = range.start; b < range.end; b++) {
       // Block b holds output rows from its top down, top row first.
       int top = r.y1 - (b / cols) * kBandRows, bottom = std::max(r.y0, top - kBandRows);

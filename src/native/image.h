@@ -112,9 +112,11 @@ class Image {
   // This cropped to r and put over a transparent rectangle r: the extent
   // becomes exactly r.
   Image extendedTo(const Rect& r) const;
-  Image blurred(double radius) const;   // Gaussian, radius as standard deviation
-  Image dilated(double radius) const;   // per-channel maximum over a disc
-  Image eroded(double radius) const;    // per-channel minimum over a disc
+  // Gaussian, radius as standard deviation (at most 64).
+  Image blurred(double radius) const;
+  // Per-channel maximum and minimum over a disc (radius at most 64).
+  Image dilated(double radius) const;
+  Image eroded(double radius) const;
   // This where the mask's luminance is white, `background` where it is black.
   Image blendWithMask(const Image& background, const Image& mask) const;
   Image difference(const Image& background) const;

@@ -21,6 +21,14 @@ namespace {
 // moving layer adds one a frame, and the whole cache is dropped when full.
 constexpr size_t kBoundedCache = 64;
 constexpr size_t kTextCache = 256;
+constexpr size_t kTextBudget = size_t{256} << 20;
+
+// Memory held by a picture kept as pixels.
+size_t pixelBytes(const Image& im) {
+  img::Rect live = im.support().intersect(im.extent());
+  if (live.empty()) return 0;
+  return static_cast<size_t>(live.width() * live.height()) * (im.gray() ? 8 : 16);
+}
 
 const img::Rect kSurface = img::Rect::xywh(0, 0, kSurfaceW, kSurfaceH);
 
@@ -57,8 +65,13 @@ Image NativeCompositor::source(const Paint& paint, std::optional<int64_t> mediaM
     im = im.materialized();
     // A text whose effects animate is a new picture on every frame; the
     // cache starts over when full rather than grow through a long export.
-    if (texts_.size() >= kTextCache) texts_.clear();
+    size_t bytes = pixelBytes(im);
+    if (texts_.size() >= kTextCache || textBytes_ + bytes > kTextBudget) {
+      texts_.clear();
+      textBytes_ = 0;
+    }
     texts_.emplace(key, im);
+    textBytes_ += bytes;
     return im;
   }
   if (paint.type == "image") {
@@ -133,8 +146,7 @@ Image NativeCompositor::layerImage(const Layer& layer, int64_t t) {
     if (result.isNull()) return {};
     if (still && memo.key == key) {
       Image kept = result.materialized();
-      img::Rect live = kept.support().intersect(kept.extent());
-      size_t bytes = live.empty() ? 0 : static_cast<size_t>(live.width() * live.height() * (kept.gray() ? 8 : 16));
+      size_t bytes = pixelBytes(kept);
       if (stillBytes_ + bytes <= kStillBudget) {
         stillBytes_ += bytes;
         memo.bytes = bytes;

@@ -14,12 +14,12 @@
 // for 1080 lines and scale with the frame's height. Frames are opaque.
 //
 // Nothing fails: a layer whose file, video or text can't be had is left out
-// and the rest of the frame is drawn. Images, text pictures and open videos
-// are kept for the compositor's life (a missing file is tried again on the
-// next frame); masks, shape effects and text pictures are kept too, in
-// bounded caches (a text whose effects animate is new on every frame), and
-// so is the picture of every layer that looks the same as on the frame
-// before, within a budget of 512 MB.
+// and the rest of the frame is drawn. Images and open videos are kept for
+// the compositor's life (a missing file is tried again on the next frame);
+// text pictures (up to 256 MB; a text whose effects animate is new on every
+// frame), masks and shape effects are kept in bounded caches, and so is the
+// picture of every layer that looks the same as on the frame before, within
+// a budget of 512 MB.
 //
 // Not thread-safe: one thread at a time per compositor (any thread; several
 // compositors may run in parallel threads).
@@ -102,6 +102,7 @@ class NativeCompositor {
   std::map<std::string, img::Image> images_;   // as loaded
   std::map<std::string, img::Image> covered_;  // the same fitted to the surface
   std::map<std::string, img::Image> texts_;
+  size_t textBytes_ = 0;
   std::map<std::string, img::Image> masks_;    // bounded
   std::map<std::string, std::pair<img::Image, img::Image>> effects_;  // bounded
   std::map<const Layer*, StillLayer> stills_;
