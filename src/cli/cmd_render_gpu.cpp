@@ -14,6 +14,7 @@
 #include "commands.h"
 #include "gl_headless.h"
 #include "gl_output_renderer.h"
+#include "gl_output_sink.h"
 #include "output_text_rasterizer.h"
 #include "render_job.h"
 #include "video_layers.h"
@@ -77,12 +78,7 @@ int render_with_gpu(const RenderJob& job) {
     // Text layers: drawn by the offline compositor from the same scene.
     auto texts = std::make_shared<kavlen::native::OutputTextRasterizer>();
     texts->setScene(kavlen::native::NativeScene::jsonText(job.scene_text, job.width, job.height));
-    renderer->textProvider = [texts](const std::string& key,
-                                     const std::optional<std::string>& spec) -> std::optional<TextRendering> {
-      std::optional<kavlen::native::NativeTextImage> t = texts->text(key, spec);
-      if (!t) return std::nullopt;
-      return TextRendering{t->spec, std::move(t->image)};
-    };
+    renderer->textProvider = kavlen::output::textProviderOf(texts);
   }
   int64_t time_us = static_cast<int64_t>(std::llround(job.time_ms * 1000.0));
   if (!renderer->drawFrame(time_us, frame.target())) return fail("render: the GL context was lost");

@@ -32,6 +32,7 @@ bool CpuFrame::setState(const std::string& text) {
   sceneH_ = std::max(1, s.sceneH);
   mode_ = s.mode;
   positions_ = std::move(s.positions);
+  texts_->setScene(s.scene.get(), s.sceneW, s.sceneH);
   haveScene_ = true;
   sceneChanged_ = true;
   return true;
@@ -55,6 +56,7 @@ void CpuFrame::draw(int w, int h, const std::string& mediaRoot, std::vector<uint
   if (!engine_ || engineW_ != dw || engineH_ != dh) {
     release();
     engine_ = kvl_engine_create(sceneJson_.c_str(), dw, dh, nullptr);
+    textFeeder_.forget();
     engineW_ = dw;
     engineH_ = dh;
     sceneChanged_ = false;
@@ -65,6 +67,7 @@ void CpuFrame::draw(int w, int h, const std::string& mediaRoot, std::vector<uint
   if (!engine_) return;
   kvl_engine_set_media_root(engine_, mediaRoot.c_str());
   sources_.feed(engine_, sceneJson_, 0, mediaRoot, positions_);
+  textFeeder_.feed(engine_, 0);
   std::vector<uint8_t> frame(static_cast<size_t>(dw) * dh * 4);
   if (kvl_engine_render(engine_, 0, frame.data(), dw * 4) != 0) return;
   for (int y = 0; y < dh; ++y)

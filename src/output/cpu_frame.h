@@ -2,8 +2,8 @@
 // GPU renderer takes them, turned into straight RGBA frames of any size by
 // the engine's compositor. The scene keeps its aspect ratio, centred between
 // black bars; "blackout" is black and "testPattern" the calibration chart.
-// Still images and video pictures at the state's positions are decoded and
-// handed to the engine as sources.
+// Still images, video pictures at the state's positions and texts (drawn by
+// the offline compositor) are handed to the engine as sources.
 //
 // Used by the CPU sink (a window's frames) and by the operator's previews,
 // so both show the same picture as `kavlen render`.
@@ -13,7 +13,10 @@
 #include <string>
 #include <vector>
 
+#include <memory>
+
 #include "kavlen/kavlen.h"
+#include "output_text_rasterizer.h"
 #include "scene_sources.h"
 
 namespace kavlen::output {
@@ -34,6 +37,8 @@ class CpuFrame {
 
  private:
   SceneSources sources_;
+  std::shared_ptr<native::OutputTextRasterizer> texts_ = std::make_shared<native::OutputTextRasterizer>();
+  native::TextSourceFeeder textFeeder_{texts_};
   kvl_engine* engine_ = nullptr;
   int engineW_ = 0, engineH_ = 0;
   std::string sceneJson_;

@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "gl_output_renderer.h"
+#include "output_text_rasterizer.h"
 
 #define GLFW_INCLUDE_NONE
 #include <GLFW/glfw3.h>
@@ -39,7 +39,17 @@ std::unique_ptr<GlOutputSink> GlOutputSink::create(const std::string& title,
     sink->window_ = nullptr;
     return nullptr;
   }
+  sink->texts_ = std::make_shared<native::OutputTextRasterizer>();
+  sink->renderer_->textProvider = textProviderOf(sink->texts_);
   return sink;
+}
+
+TextProvider textProviderOf(std::shared_ptr<native::OutputTextRasterizer> texts) {
+  return [texts](const std::string& key, const std::optional<std::string>& spec) -> std::optional<TextRendering> {
+    std::optional<native::NativeTextImage> t = texts->text(key, spec);
+    if (!t) return std::nullopt;
+    return TextRendering{t->spec, std::move(t->image)};
+  };
 }
 
 GlOutputSink::~GlOutputSink() {
@@ -61,7 +71,8 @@ bool GlOutputSink::makeCurrent() {
 
 void GlOutputSink::send(const std::string& state) {
   if (closed_ || !renderer_) return;
-  renderer_->setState(state);
+  // A rejected text and "mediaReset" leave the texts as they were.
+  if (auto accepted = renderer_->setState(state)) texts_->setScene(accepted->scene.get(), accepted->width, accepted->height);
 }
 
 void GlOutputSink::frame() {

@@ -6,9 +6,12 @@
 #include <memory>
 #include <string>
 
+#include "gl_output_renderer.h"
 #include "output_sink.h"
 
-class GlOutputRenderer;
+namespace kavlen::native {
+class OutputTextRasterizer;
+}
 
 namespace kavlen::output {
 
@@ -29,8 +32,13 @@ class GlOutputSink final : public OutputSink {
   GlOutputSink() = default;
   bool makeCurrent();
   std::unique_ptr<GlOutputRenderer> renderer_;
+  std::shared_ptr<native::OutputTextRasterizer> texts_;
   bool closed_ = false;
 };
+
+// The renderer's text provider over a rasterizer of the offline compositor,
+// so text layers look the same on every path.
+TextProvider textProviderOf(std::shared_ptr<native::OutputTextRasterizer> texts);
 
 // True when KAVLEN_NO_GL is set to anything but "" or "0": windows then get
 // the CPU sink, as on a machine without a GPU driver.
