@@ -19,6 +19,9 @@ DEMO = os.path.join(SOURCE, "examples", "demo")
 with open(os.path.join(DEMO, "scene.json"), encoding="utf-8") as f:
     SCENE = json.load(f)
 SCENE["outputs"][0]["resolution"] = [960, 540]
+# Text comes from the offline compositor on every path: one text layer too.
+SCENE["mappings"].append({"id": "caption", "corners": [[0.05, 0.8], [0.6, 0.8], [0.6, 0.97], [0.05, 0.97]],
+                          "paint": {"type": "text", "text": "Kavlen · texto", "bold": True, "argb": 4294967295}})
 DEMO_STATE = json.dumps({"scene": SCENE})
 
 
