@@ -47,7 +47,8 @@ const kernels* choose_at_start() {
   const char* env = getenv("KAVLEN_CPU");
   if (!env || !*env) return best;
   if (const kernels* k = find(env)) return k;
-  fprintf(stderr, "kavlen: KAVLEN_CPU=%s is not a kernel set this processor runs; using %s\n", env, best->name);
+  fprintf(stderr, "kavlen: KAVLEN_CPU=%s: no such kernel set in this build for this processor; using %s\n", env,
+          best->name);
   return best;
 }
 
