@@ -1,9 +1,9 @@
 // CPU frame compositor.
 //
 // kvl_render_frame prepares every resolved layer on the calling thread, then
-// cuts the frame into bands of rows and draws all layers into each band on
-// its own thread. Every pixel's layers are drawn in order by one thread, so
-// the picture does not depend on the thread count. render_internal.h tells
+// cuts the frame into chunks of rows, which the threads take one at a time
+// and draw all layers into. Every pixel's layers are drawn in order by one
+// thread, so the picture does not depend on the thread count. render_internal.h tells
 // where the rest of the compositor lives.
 #include <pthread.h>
 #include <stdlib.h>
@@ -17,15 +17,16 @@ namespace {
 
 constexpr int32_t kMaxJobs = 32;
 
-// The work of one thread: rows y0 (inclusive) to y1 (exclusive).
+// The work of one thread: the chunks of rows it takes from `next`.
 struct kvl_job {
   const kvl_prep* layers;
   int32_t count;
   uint8_t* pixels;
-  int32_t width;
+  int32_t width, height;
   int32_t stride;
-  int32_t y0, y1;
   const kernels* k;
+  int32_t* next;    // the next chunk to draw, shared by the threads
+  int32_t chunks;   // chunks in the frame
   int64_t settled;  // out: pixels whose lower layers were skipped
 };
 
@@ -138,17 +139,21 @@ void draw_in_chunk(const kvl_job* job, const canvas& frame, const hidden* h, int
   }
 }
 
-// The band is drawn in chunks of rows, each with its hidden pixels probed
-// first; chunks keep the hidden-pixel maps and the private buffer small.
+// The frame is drawn in chunks of kChunkRows rows, each with its hidden
+// pixels probed first; chunks keep the hidden-pixel maps and the private
+// buffer small. The threads take the chunks one by one from a shared
+// counter, so that none waits long for another however the work lies across
+// the frame: a chunk's bytes do not depend on which thread draws it, nor on
+// the order of the chunks.
 void run_job(kvl_job* job) {
-  if (job->y0 >= job->y1) return;
-  const canvas frame = {job->pixels + static_cast<ptrdiff_t>(job->y0) * job->stride, job->stride, job->y0, job->width,
-                        true};
+  const canvas frame = {job->pixels, job->stride, 0, job->width, true};
   hidden h;
   hidden_plan(&h, job->layers, job->count, job->width);
   uint8_t* band = nullptr;
-  for (int32_t ya = job->y0; ya < job->y1; ya += kChunkRows) {
-    const int32_t yb = job->y1 - ya > kChunkRows ? ya + kChunkRows : job->y1;
+  for (;;) {
+    const int32_t c = __atomic_fetch_add(job->next, 1, __ATOMIC_RELAXED);
+    if (c >= job->chunks) break;
+    const int32_t ya = c * kChunkRows, yb = job->height - ya > kChunkRows ? ya + kChunkRows : job->height;
     if (h.hid) probe_chunk(&h, job->layers, job->count, frame, ya, yb, job->k);
     for (int32_t i = 0; i < job->count; i++) draw_in_chunk(job, frame, h.hid ? &h : nullptr, i, ya, yb, &band);
   }
@@ -163,43 +168,28 @@ void* job_thread(void* arg) {
   return nullptr;
 }
 
-// Draws prepared layers into a frame whose background is already set.
-// `settled`, where given, receives the number of pixels that hid what lay
-// beneath them (for tests).
+// Draws prepared layers into a frame whose background is already set, on
+// `threads` threads, the calling one included. `settled`, where given,
+// receives the number of pixels that hid what lay beneath them (for tests).
 void composite(const kvl_prep* layers, int32_t count, uint8_t* pixels, int32_t width, int32_t height, int32_t stride,
                int32_t threads, int64_t* settled) {
-  const kernels* k = active_kernels();
   if (height < 1) return;
+  const kernels* k = active_kernels();
+  const int32_t chunks = static_cast<int32_t>((static_cast<int64_t>(height) + kChunkRows - 1) / kChunkRows);
   int32_t jobs = threads < 1 ? 1 : threads;
-  if (jobs > height) jobs = height;
+  if (jobs > chunks) jobs = chunks;
   if (jobs > kMaxJobs) jobs = kMaxJobs;
-  const int32_t rows = (height + jobs - 1) / jobs;
+  int32_t next = 0;
   kvl_job job[kMaxJobs];
-  for (int32_t i = 0; i < jobs; i++) {
-    const int64_t a = static_cast<int64_t>(i) * rows, b = a + rows;
-    job[i].layers = layers;
-    job[i].count = count;
-    job[i].pixels = pixels;
-    job[i].width = width;
-    job[i].stride = stride;
-    job[i].y0 = static_cast<int32_t>(a < height ? a : height);
-    job[i].y1 = static_cast<int32_t>(b < height ? b : height);
-    job[i].k = k;
-    job[i].settled = 0;
-  }
-  if (jobs == 1) {
-    run_job(&job[0]);
-  } else {
-    pthread_t tid[kMaxJobs];
-    bool started[kMaxJobs];
-    for (int32_t i = 0; i < jobs; i++) started[i] = pthread_create(&tid[i], nullptr, job_thread, &job[i]) == 0;
-    for (int32_t i = 0; i < jobs; i++)
-      if (started[i]) pthread_join(tid[i], nullptr);
-    // A band whose thread could not be created is drawn here, so that the
-    // picture stays whole.
-    for (int32_t i = 0; i < jobs; i++)
-      if (!started[i]) run_job(&job[i]);
-  }
+  for (int32_t i = 0; i < jobs; i++) job[i] = {layers, count, pixels, width, height, stride, k, &next, chunks, 0};
+  pthread_t tid[kMaxJobs];
+  bool started[kMaxJobs] = {};
+  for (int32_t i = 1; i < jobs; i++) started[i] = pthread_create(&tid[i], nullptr, job_thread, &job[i]) == 0;
+  // The calling thread draws too; chunks that a thread which could not be
+  // created would have taken go to the others.
+  run_job(&job[0]);
+  for (int32_t i = 1; i < jobs; i++)
+    if (started[i]) pthread_join(tid[i], nullptr);
   if (settled) {
     *settled = 0;
     for (int32_t i = 0; i < jobs; i++) *settled += job[i].settled;
