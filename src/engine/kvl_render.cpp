@@ -27,6 +27,7 @@ struct kvl_job {
   const kernels* k;
   int32_t* next;    // the next chunk to draw, shared by the threads
   int32_t chunks;   // chunks in the frame
+  bool fill;        // each chunk starts from opaque black
   int64_t settled;  // out: pixels whose lower layers were skipped
 };
 
@@ -139,6 +140,17 @@ void draw_in_chunk(const kvl_job* job, const canvas& frame, const hidden* h, int
   }
 }
 
+// Rows y0..y1 of the frame in opaque black: the first pixel by pixel, the
+// others as copies of it.
+void fill_background(uint8_t* pixels, int32_t width, int32_t stride, int32_t y0, int32_t y1) {
+  if (width < 1 || y0 >= y1) return;
+  static const uint8_t opaque_black[4] = {0, 0, 0, 255};
+  uint8_t* first = pixels + static_cast<ptrdiff_t>(y0) * stride;
+  for (int32_t x = 0; x < width; x++) memcpy(first + 4 * static_cast<ptrdiff_t>(x), opaque_black, 4);
+  for (int32_t y = y0 + 1; y < y1; y++)
+    memcpy(pixels + static_cast<ptrdiff_t>(y) * stride, first, 4 * static_cast<size_t>(width));
+}
+
 // The frame is drawn in chunks of kChunkRows rows, each with its hidden
 // pixels probed first; chunks keep the hidden-pixel maps and the private
 // buffer small. The threads take the chunks one by one from a shared
@@ -154,6 +166,9 @@ void run_job(kvl_job* job) {
     const int32_t c = __atomic_fetch_add(job->next, 1, __ATOMIC_RELAXED);
     if (c >= job->chunks) break;
     const int32_t ya = c * kChunkRows, yb = job->height - ya > kChunkRows ? ya + kChunkRows : job->height;
+    // Filling here rather than beforehand keeps the rows in the cache for the
+    // layers, and shares the filling out among the threads.
+    if (job->fill) fill_background(job->pixels, job->width, job->stride, ya, yb);
     if (h.hid) probe_chunk(&h, job->layers, job->count, frame, ya, yb, job->k);
     for (int32_t i = 0; i < job->count; i++) draw_in_chunk(job, frame, h.hid ? &h : nullptr, i, ya, yb, &band);
   }
@@ -168,11 +183,12 @@ void* job_thread(void* arg) {
   return nullptr;
 }
 
-// Draws prepared layers into a frame whose background is already set, on
-// `threads` threads, the calling one included. `settled`, where given,
-// receives the number of pixels that hid what lay beneath them (for tests).
+// Draws prepared layers on `threads` threads, the calling one included, into
+// a frame whose background is set already or, with `fill`, opaque black.
+// `settled`, where given, receives the number of pixels that hid what lay
+// beneath them (for tests).
 void composite(const kvl_prep* layers, int32_t count, uint8_t* pixels, int32_t width, int32_t height, int32_t stride,
-               int32_t threads, int64_t* settled) {
+               int32_t threads, bool fill, int64_t* settled) {
   if (height < 1) return;
   const kernels* k = active_kernels();
   const int32_t chunks = static_cast<int32_t>((static_cast<int64_t>(height) + kChunkRows - 1) / kChunkRows);
@@ -181,7 +197,7 @@ void composite(const kvl_prep* layers, int32_t count, uint8_t* pixels, int32_t w
   if (jobs > kMaxJobs) jobs = kMaxJobs;
   int32_t next = 0;
   kvl_job job[kMaxJobs];
-  for (int32_t i = 0; i < jobs; i++) job[i] = {layers, count, pixels, width, height, stride, k, &next, chunks, 0};
+  for (int32_t i = 0; i < jobs; i++) job[i] = {layers, count, pixels, width, height, stride, k, &next, chunks, fill, 0};
   pthread_t tid[kMaxJobs];
   bool started[kMaxJobs] = {};
   for (int32_t i = 1; i < jobs; i++) started[i] = pthread_create(&tid[i], nullptr, job_thread, &job[i]) == 0;
@@ -196,15 +212,6 @@ void composite(const kvl_prep* layers, int32_t count, uint8_t* pixels, int32_t w
   }
 }
 
-void fill_background(uint8_t* pixels, int32_t width, int32_t height, int32_t stride) {
-  if (width < 1) return;
-  static const uint8_t opaque_black[4] = {0, 0, 0, 255};
-  if (height < 1) return;
-  // The first row pixel by pixel, the others as copies of it.
-  for (int32_t x = 0; x < width; x++) memcpy(pixels + 4 * static_cast<ptrdiff_t>(x), opaque_black, 4);
-  for (int32_t y = 1; y < height; y++)
-    memcpy(pixels + static_cast<ptrdiff_t>(y) * stride, pixels, 4 * static_cast<size_t>(width));
-}
 
 }  // namespace
 
@@ -217,16 +224,18 @@ void kvl_composite(const kvl_prep* layers, int32_t count, uint8_t* pixels, int32
                    int32_t stride, int32_t threads, int64_t* settled) {
   if (settled) *settled = 0;
   if (!pixels || width < 1 || (count > 0 && !layers)) return;
-  composite(layers, count < 0 ? 0 : count, pixels, width, height, stride, threads, settled);
+  composite(layers, count < 0 ? 0 : count, pixels, width, height, stride, threads, false, settled);
 }
 
 void kvl_render_frame(const kvl_resolved* resolved, int32_t count, const kvl_sources* sources, uint8_t* pixels,
                       int32_t width, int32_t height, int32_t stride, int32_t threads, kvl_cache* cache) {
   if (!pixels) return;
-  fill_background(pixels, width, height, stride);
   if (!resolved || count < 0) count = 0;
   auto* preps = static_cast<kvl_prep*>(calloc(count > 0 ? static_cast<size_t>(count) : 1, sizeof(kvl_prep)));
-  if (!preps) return;
+  if (!preps) {
+    fill_background(pixels, width, stride, 0, height);
+    return;
+  }
   int32_t n = 0;
   for (int32_t i = 0; i < count; i++) {
     if (kvl_prepare(&preps[n], &resolved[i], sources, width, height, cache))
@@ -234,7 +243,7 @@ void kvl_render_frame(const kvl_resolved* resolved, int32_t count, const kvl_sou
     else
       kvl_prep_free(&preps[n]);
   }
-  composite(preps, n, pixels, width, height, stride, threads, nullptr);
+  composite(preps, n, pixels, width, height, stride, threads, true, nullptr);
   for (int32_t i = 0; i < n; i++) kvl_prep_free(&preps[i]);
   free(preps);
 }
