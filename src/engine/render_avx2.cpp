@@ -1,6 +1,7 @@
 // The AVX2 kernel set: four pixels at a time, the same doubles as the plain
-// code. This file is compiled for AVX2 and runs only where the processor has
-// it (render_dispatch.cpp).
+// code. Each function here names the function of render_plain.cpp whose
+// arithmetic it repeats. This file is compiled for AVX2 and runs only where
+// the processor has it (render_dispatch.cpp).
 #include <immintrin.h>
 
 #include "render_internal.h"
@@ -25,8 +26,6 @@ __attribute__((always_inline)) inline __m128i v_lane_mask(int bits) {
   return _mm_set_epi32((bits & 8) ? -1 : 0, (bits & 4) ? -1 : 0, (bits & 2) ? -1 : 0, (bits & 1) ? -1 : 0);
 }
 
-// blend() for four pixels at px, with per-lane colour, alpha * 1/255 (aK) and
-// the lanes to touch.
 // blend_weight() for four pixels.
 __attribute__((always_inline)) inline __m256d v_weight(__m256d cr, __m256d cg, __m256d cb, __m256d ca, __m256d aK,
                                                        bool luma) {
@@ -41,6 +40,8 @@ __attribute__((always_inline)) inline __m256d v_weight(__m256d cr, __m256d cg, _
   return t;
 }
 
+// blend() for four pixels at px, with per-lane colour, alpha * 1/255 (aK) and
+// the lanes to touch.
 __attribute__((always_inline)) inline void v_blend(uint8_t* px, __m256d cr, __m256d cg, __m256d cb, __m256d ca,
                                                    __m256d aK, bool luma, __m256d act) {
   const __m256d zero = _mm256_setzero_pd(), one = _mm256_set1_pd(1.0);

@@ -37,7 +37,6 @@ __attribute__((always_inline)) inline __m512d w_alpha(__m256i px) {
   return _mm512_cvtepi32_pd(_mm256_srli_epi32(px, 24));
 }
 
-// v_blend() for eight pixels; only the lanes of `act` are read and stored.
 // blend_weight() for eight pixels.
 __attribute__((always_inline)) inline __m512d w_weight(__m512d cr, __m512d cg, __m512d cb, __m512d ca, __m512d aK,
                                                        bool luma) {
@@ -52,8 +51,9 @@ __attribute__((always_inline)) inline __m512d w_weight(__m512d cr, __m512d cg, _
   return t;
 }
 
-// With `frame` the pixels are known to be opaque (the frame's always are) and
-// their alpha is not looked at.
+// blend() for eight pixels; only the lanes of `act` are read and stored. With
+// `frame` the pixels are known to be opaque (the frame's always are) and their
+// alpha is not looked at.
 __attribute__((always_inline)) inline void w_blend(uint8_t* px, __m512d cr, __m512d cg, __m512d cb, __m512d ca,
                                                    __m512d aK, bool luma, __mmask8 act, bool frame) {
   const __m512d zero = _mm512_setzero_pd(), one = _mm512_set1_pd(1.0);
