@@ -1,9 +1,10 @@
 // Fuzzes layer preparation and the CPU compositor through the engine: the
 // first two bytes pick a small frame size, the rest is a scene document. A
-// scene that parses is drawn on one thread and on three, and once more from
-// the frame cache; the three pictures must be byte for byte the same, and
-// nothing may read or write outside the frame (AddressSanitizer) whatever
-// shapes, masks, meshes or effect sizes the document holds.
+// scene that parses is drawn on one thread and on three, once more from the
+// frame cache, and with every kernel set the processor runs; the pictures
+// must be byte for byte the same, and nothing may read or write outside the
+// frame (AddressSanitizer) whatever shapes, masks, meshes or effect sizes the
+// document holds.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -49,6 +50,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (kvl_engine_render(e, 250000, three.data(), w * 4) != 0) abort();
   if (kvl_engine_render(e, 250000, cached.data(), w * 4) != 0) abort();
   if (one != three || one != cached) abort();
+  // Every kernel set this processor runs draws the same bytes.
+  for (const char* set : {"plain", "avx2", "avx512"}) {
+    if (!kvl_cpu_use(set)) continue;
+    std::vector<uint8_t> other(bytes);
+    kvl_engine_set_threads(e, 1);
+    if (kvl_engine_render(e, 250000, other.data(), w * 4) != 0 || other != one) abort();
+  }
+  kvl_cpu_use(nullptr);
   // The frame starts opaque and blending onto opaque pixels keeps them so.
   for (size_t i = 3; i < bytes; i += 4)
     if (one[i] != 255) abort();

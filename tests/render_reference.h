@@ -20,19 +20,3 @@ void render_frame(const kvl_resolved* resolved, int32_t count, const kvl_sources
                   int32_t width, int32_t height, int32_t stride);
 
 }  // namespace refr
-
-// The compositor of the engine compiled into the test binary, so that its
-// inner entry point (prepared layers in, frame out) and both of its code
-// paths can be reached with hand-built records.
-namespace embedded {
-
-bool simd_available();
-// Whether the eight-wide AVX-512 kernels run here; with `wide` false the
-// vector path keeps to the four-wide AVX2 kernels.
-bool wide_available();
-void fill_background(uint8_t* pixels, int32_t width, int32_t height, int32_t stride);
-// `settled`, where given, receives how many pixels hid the layers beneath.
-void composite(const kvl_prep* layers, int32_t count, uint8_t* pixels, int32_t width, int32_t height,
-               int32_t stride, int32_t threads, bool simd, bool wide = true, int64_t* settled = nullptr);
-
-}  // namespace embedded

@@ -1,9 +1,10 @@
-// The CPU frame compositor: optimised paths against a plain one-pixel-at-a-
+// The CPU frame compositor: every kernel set against a plain one-pixel-at-a-
 // time reference on seeded random scenes, thread-count independence, and a
 // few hand-made cases whose answer is known without the formulas.
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -16,11 +17,25 @@ namespace {
 using rscene::Rng;
 using rscene::SceneBuilder;
 
+// The compositor's kernel sets this processor runs, plain first.
+std::vector<std::string> kernel_sets() {
+  std::vector<std::string> sets;
+  for (const char* name : {"plain", "avx2", "avx512"})
+    if (kvl_cpu_use(name)) sets.push_back(name);
+  kvl_cpu_use(nullptr);
+  return sets;
+}
+
 struct Frame {
   int32_t width, height, stride;
   std::vector<uint8_t> px;
   Frame(int32_t w, int32_t h, int32_t s) : width(w), height(h), stride(s), px((size_t)h * s, 0xA5) {
-    embedded::fill_background(px.data(), w, h, s);
+    for (int32_t y = 0; y < h; y++)
+      for (int32_t x = 0; x < w; x++) {
+        uint8_t* p = px.data() + (size_t)y * s + 4 * x;
+        p[0] = p[1] = p[2] = 0;
+        p[3] = 255;
+      }
   }
   const uint8_t* at(int x, int y) const { return px.data() + (size_t)y * stride + 4 * x; }
 };
@@ -39,18 +54,34 @@ Frame reference(const SceneBuilder& b, int32_t stride) {
   return f;
 }
 
-Frame compositor(const SceneBuilder& b, int32_t stride, int32_t threads, bool simd, bool wide = true,
+// The library's compositor with kernel set `set` ("" for the automatic one).
+Frame compositor(const SceneBuilder& b, int32_t stride, int32_t threads, const std::string& set = "",
                  int64_t* settled = nullptr) {
   Frame f(b.width, b.height, stride);
-  embedded::composite(b.layers.data(), (int32_t)b.layers.size(), f.px.data(), b.width, b.height, stride, threads,
-                      simd, wide, settled);
+  EXPECT_TRUE(kvl_cpu_use(set.c_str())) << set;
+  kvl_composite(b.layers.data(), (int32_t)b.layers.size(), f.px.data(), b.width, b.height, stride, threads, settled);
+  kvl_cpu_use(nullptr);
   return f;
 }
 
-// The plain path, the vector path and (where eight-wide kernels exist) the
-// four-wide one must match the reference exactly, padding bytes included.
+// The set named by KAVLEN_CPU is the one the library starts with (ctest runs
+// this case with KAVLEN_CPU=plain); without it, the fastest the processor
+// runs. A build without vector kernels has the plain set only.
+TEST(RenderKernels, TheEnvironmentOrTheProcessorChoosesTheSet) {
+  const char* env = getenv("KAVLEN_CPU");
+  const std::vector<std::string> sets = kernel_sets();
+  EXPECT_EQ(sets.front(), "plain");
+  const bool forced = env && *env && kvl_cpu_use(env);
+  kvl_cpu_use(nullptr);
+  EXPECT_STREQ(kvl_cpu_kernels(), forced ? env : sets.back().c_str());
+  EXPECT_FALSE(kvl_cpu_use("sse9"));
+  EXPECT_STREQ(kvl_cpu_kernels(), forced ? env : sets.back().c_str());
+}
+
+// Every kernel set must match the reference exactly, padding bytes included.
 TEST(RenderPaths, RandomScenesMatchTheReference) {
   struct Range { uint64_t seed; int count, wmin, wmax, hmin, hmax; };
+  const std::vector<std::string> sets = kernel_sets();
   int painted = 0;
   for (const Range& r : {Range{1, 600, 1, 64, 1, 40}, Range{10000, 60, 120, 360, 60, 200}})
     for (uint64_t seed = r.seed; seed < r.seed + (uint64_t)r.count; seed++) {
@@ -60,55 +91,54 @@ TEST(RenderPaths, RandomScenesMatchTheReference) {
       rscene::random_scene(&b, &rng);
       const Frame ref = reference(b, stride);
       painted += ref.px != Frame(w, h, stride).px;
-      ASSERT_EQ(first_difference(ref, compositor(b, stride, 1, false)), "") << "plain, seed " << seed;
-      if (embedded::simd_available()) {
-        ASSERT_EQ(first_difference(ref, compositor(b, stride, 1, true)), "") << "vector, seed " << seed;
-      }
-      if (embedded::wide_available()) {
-        ASSERT_EQ(first_difference(ref, compositor(b, stride, 1, true, false)), "") << "four-wide, seed " << seed;
-      }
+      for (const std::string& set : sets)
+        ASSERT_EQ(first_difference(ref, compositor(b, stride, 1, set)), "") << set << ", seed " << seed;
     }
   EXPECT_GT(painted, 400);  // the comparison is not between empty frames
 }
 
 // Stacks of mostly opaque layers: the pixels they settle skip the layers
-// beneath, in every path, across chunk and band boundaries, and the picture
-// must not change for it.
+// beneath, in every kernel set, across chunk boundaries, and the picture must
+// not change for it.
 TEST(RenderPaths, HiddenPixelsAreSkippedWithoutChangingThePicture) {
   int64_t settled_total = 0;
+  const std::vector<std::string> sets = kernel_sets();
   for (uint64_t seed = 2000; seed < 2120; seed++) {
     Rng rng(seed);
     const int w = rng.range(8, 200), h = rng.range(20, 150), stride = w * 4 + rng.range(0, 5);
     SceneBuilder b(w, h);
     rscene::random_scene(&b, &rng, 0.7, 9);
     const Frame ref = reference(b, stride);
-    struct Path { bool simd, wide; const char* name; };
-    for (const Path& p : {Path{false, false, "plain"}, Path{true, false, "four-wide"}, Path{true, true, "wide"}}) {
-      if (p.simd && !embedded::simd_available()) continue;
-      for (int threads : {1, 3}) {
-        int64_t settled = 0;
-        ASSERT_EQ(first_difference(ref, compositor(b, stride, threads, p.simd, p.wide, &settled)), "")
-            << p.name << ", " << threads << " threads, seed " << seed;
-        settled_total += settled;
-      }
+    for (const std::string& set : sets) {
+      int64_t settled = 0;
+      ASSERT_EQ(first_difference(ref, compositor(b, stride, 1, set, &settled)), "") << set << ", seed " << seed;
+      settled_total += settled;
     }
   }
-  EXPECT_GT(settled_total, 100000);  // the skipping really happened
+  EXPECT_GT(settled_total, 100000 * (int64_t)sets.size());  // the skipping really happened
 }
 
+// Every test with threads is in a suite whose name says so: the emulated
+// arm64 leg of CI runs the others only.
 TEST(RenderThreadBands, PictureIsTheSameForEveryThreadCount) {
-  for (uint64_t seed = 500; seed < 530; seed++) {
+  const std::vector<std::string> sets = kernel_sets();
+  for (uint64_t seed = 500; seed < 540; seed++) {
     Rng rng(seed);
-    const int w = rng.range(20, 160), h = rng.range(1, 120), stride = w * 4 + rng.range(0, 5);
+    const int w = rng.range(20, 160), h = rng.range(1, 150), stride = w * 4 + rng.range(0, 5);
     SceneBuilder b(w, h);
-    rscene::random_scene(&b, &rng);
-    const Frame one = compositor(b, stride, 1, true);
-    for (int threads : {2, 3, 7, 32, 100})
-      ASSERT_EQ(first_difference(one, compositor(b, stride, threads, true)), "") << threads << " threads, " << seed;
-    ASSERT_EQ(first_difference(one, compositor(b, stride, 7, false)), "") << "plain, 7 threads, seed " << seed;
+    // Every other scene a stack of mostly opaque layers, which hide pixels.
+    if (seed % 2)
+      rscene::random_scene(&b, &rng, 0.7, 9);
+    else
+      rscene::random_scene(&b, &rng);
+    const Frame one = compositor(b, stride, 1);
+    for (const std::string& set : sets)
+      for (int threads : {2, 3, 7, 32, 100})
+        ASSERT_EQ(first_difference(one, compositor(b, stride, threads, set)), "")
+            << set << ", " << threads << " threads, seed " << seed;
   }
-  // 10 rows on 7 threads leaves the last bands empty; 1 row on 8 is one band.
-  for (int h : {10, 1}) {
+  // Fewer rows than a chunk, a chunk and a row, and more threads than chunks.
+  for (int h : {10, 1, 33, 65}) {
     SceneBuilder b(33, h);
     kvl_prep p = b.base(0xFF8040C0);
     const double q[8] = {-3, -2, 40.5, 0.25, 30, (double)h + 2, 2.5, (double)h};
@@ -116,7 +146,7 @@ TEST(RenderThreadBands, PictureIsTheSameForEveryThreadCount) {
     p.opacity = 0.6;
     b.layers.push_back(p);
     const Frame ref = reference(b, 33 * 4);
-    for (int threads : {7, 8, 1}) EXPECT_EQ(first_difference(ref, compositor(b, 33 * 4, threads, true)), "");
+    for (int threads : {7, 8, 1}) EXPECT_EQ(first_difference(ref, compositor(b, 33 * 4, threads)), "");
   }
 }
 
@@ -192,9 +222,10 @@ std::vector<uint8_t> random_image(Rng* rng, int w, int h) {
   return px;
 }
 
-// The whole pipeline (parse, resolve, prepare, cache, bands) against the
-// same layers resolved by hand and drawn by the reference.
-TEST(RenderPipeline, RandomScenesMatchTheReferenceWithCacheAndThreads) {
+// The whole pipeline (parse, resolve, prepare, cache, threads) against the
+// same layers resolved by hand and drawn by the reference. With one thread
+// a second frame reads the cached masks.
+void pipeline_matches_reference(std::initializer_list<int> thread_counts) {
   int painted = 0;
   for (uint64_t seed = 1; seed <= 150; seed++) {
     Rng rng(seed * 7919);
@@ -221,7 +252,7 @@ TEST(RenderPipeline, RandomScenesMatchTheReferenceWithCacheAndThreads) {
     kvl_scene_free(scene);
     painted += ref.px != Frame(w, h, stride).px;
 
-    for (int threads : {1, 2, 3, 8}) {
+    for (int threads : thread_counts) {
       kvl_engine_set_threads(e, threads);
       for (int frame = 0; frame < (threads == 1 ? 2 : 1); frame++) {  // the second frame reads cached masks
         Frame f(w, h, stride);
@@ -235,6 +266,10 @@ TEST(RenderPipeline, RandomScenesMatchTheReferenceWithCacheAndThreads) {
   EXPECT_GT(painted, 120);
 }
 
+TEST(RenderPipeline, RandomScenesMatchTheReferenceWithCache) { pipeline_matches_reference({1}); }
+
+TEST(RenderThreadBands, RandomScenesMatchTheReferenceThroughTheEngine) { pipeline_matches_reference({2, 3, 8}); }
+
 TEST(RenderPipeline, ZeroSizeSourceIsRefusedAndTheLayerShowsDarkGrey) {
   const char* scene = R"({"mappings": [{"corners": [[0,0],[1,0],[1,1],[0,1]], "paint": {"type": "image", "path": "pic"},
                           "effects": {"stroke": {"width": 1e9}, "glow": {"radius": 1e300}}}]})";
@@ -244,6 +279,7 @@ TEST(RenderPipeline, ZeroSizeSourceIsRefusedAndTheLayerShowsDarkGrey) {
   EXPECT_EQ(kvl_engine_set_source(e, "pic", px, 0, 0, 0), -1);
   EXPECT_EQ(kvl_engine_set_source(e, "pic", px, 1, 0, 4), -1);
   EXPECT_EQ(kvl_engine_declare_source(e, "pic", 0, 5), -1);
+  kvl_engine_set_threads(e, 1);
   std::vector<uint8_t> f(16 * 9 * 4);
   ASSERT_EQ(kvl_engine_render(e, 0, f.data(), 16 * 4), 0);
   // Glow lies under the opaque grey body; a stroke wider than the frame is empty.
@@ -265,8 +301,8 @@ TEST(Render, QuadEdgesOnAndBetweenPixelBoundaries) {
   // x = 2.5 covers half of pixel 2's samples; the right edge through pixel
   // 20's centre maps it to u = 1280, just outside the surface.
   const SceneBuilder half = one_quad(30, 10, 0xFFFFFFFF, {2.5, 0, 20.5, 0, 20.5, 10, 2.5, 10});
-  for (bool simd : {false, true}) {
-    const Frame f = compositor(b, 40 * 4, 1, simd);
+  for (const std::string& set : kernel_sets()) {
+    const Frame f = compositor(b, 40 * 4, 1, set);
     for (int y = 0; y < 30; y++)
       for (int x = 0; x < 40; x++) {
         const bool in = x >= 10 && x < 30 && y >= 5 && y < 25;
@@ -274,7 +310,7 @@ TEST(Render, QuadEdgesOnAndBetweenPixelBoundaries) {
         ASSERT_TRUE(px[0] == (in ? 0x12 : 0) && px[1] == (in ? 0x34 : 0) && px[2] == (in ? 0x56 : 0) &&
                     px[3] == 255) << x << "," << y;
       }
-    const Frame g = compositor(half, 30 * 4, 1, simd);
+    const Frame g = compositor(half, 30 * 4, 1, set);
     const int want[][2] = {{1, 0}, {2, 128}, {3, 255}, {19, 255}, {20, 0}};
     for (const auto& xw : want) EXPECT_EQ(g.at(xw[0], 5)[0], xw[1]) << xw[0];
   }
@@ -288,7 +324,7 @@ TEST(Render, InnerMeshEdgesLeaveNoSeam) {
   a.edge[1] = c.edge[3] = 0;
   b.set_cells(&p, {a, c});
   b.layers.push_back(p);
-  const Frame f = compositor(b, 20 * 4, 1, true);
+  const Frame f = compositor(b, 20 * 4, 1);
   for (int x = 0; x < 20; x++) EXPECT_EQ(f.at(x, 3)[0], 255) << x;
 }
 
@@ -309,9 +345,8 @@ TEST(Render, LayersPastTheStepNumbersStillDrawInOrder) {
   for (const kvl_prep& p : {under, many, top}) b.layers.push_back(p);
   const Frame ref = reference(b, 9 * 4);
   int64_t settled = 0;
-  for (bool simd : {false, true}) {
-    if (simd && !embedded::simd_available()) continue;
-    EXPECT_EQ(first_difference(ref, compositor(b, 9 * 4, 1, simd, true, &settled)), "");
+  for (const std::string& set : kernel_sets()) {
+    EXPECT_EQ(first_difference(ref, compositor(b, 9 * 4, 1, set, &settled)), "") << set;
     // Only the last layer's left part settles, less the pixels within 0.75
     // of its outer edges (left to the drawing): columns 1-3 of rows 1-3.
     EXPECT_EQ(settled, 3 * 3);
@@ -327,8 +362,8 @@ TEST(Render, HalfOpaqueLayerDoesNotShowItsShadowThroughTheBody) {
   p.behind_count = 1;
   p.opacity = 0.5;
   p.isolate = true;
-  for (bool simd : {false, true}) {
-    const Frame f = compositor(b, 40 * 4, 2, simd);
+  for (const std::string& set : kernel_sets()) {
+    const Frame f = compositor(b, 40 * 4, 1, set);
     for (int y = 10; y < 30; y++)
       for (int x = 10; x < 30; x++) ASSERT_TRUE(f.at(x, y)[0] == 128 && f.at(x, y)[1] == 0) << x << "," << y;
     EXPECT_TRUE(f.at(5, 5)[1] == 128 && f.at(5, 5)[0] == 0);  // the shadow, faded with the layer
@@ -339,7 +374,7 @@ TEST(Render, TransparentTexelDoesNotBleedItsColour) {
   const uint8_t img[8] = {255, 0, 0, 0, 0, 0, 255, 255};  // red at alpha 0, opaque blue
   SceneBuilder b = one_quad(48, 8, 0, {0, 0, 48, 0, 48, 8, 0, 8});
   b.cover(&b.layers[0], b.source(2, 1, img));
-  const Frame f = compositor(b, 48 * 4, 1, true);
+  const Frame f = compositor(b, 48 * 4, 1);
   int partly_blue = 0;
   for (int x = 0; x < 48; x++) {
     EXPECT_EQ(f.at(x, 4)[0], 0) << x;
@@ -360,10 +395,10 @@ TEST(Render, HostileGeometryMatchesTheReferenceAndDoesNotCrash) {
   for (const auto& q : quads) {
     const SceneBuilder b = one_quad(32, 20, 0xFF00FF00, q);
     const Frame ref = reference(b, 32 * 4);
-    EXPECT_EQ(first_difference(ref, compositor(b, 32 * 4, 3, true)), "");
-    EXPECT_EQ(first_difference(ref, compositor(b, 32 * 4, 1, false)), "");
+    for (const std::string& set : kernel_sets())
+      EXPECT_EQ(first_difference(ref, compositor(b, 32 * 4, 1, set)), "") << set;
   }
-  const Frame huge = compositor(one_quad(32, 20, 0xFF00FF00, quads[6]), 32 * 4, 2, true);
+  const Frame huge = compositor(one_quad(32, 20, 0xFF00FF00, quads[6]), 32 * 4, 1);
   EXPECT_TRUE(huge.at(0, 0)[1] == 255 && huge.at(31, 19)[1] == 255);
 }
 

@@ -65,4 +65,21 @@ KVL_API void kvl_render_frame(const kvl_resolved* resolved, int32_t count, const
                               uint8_t* pixels, int32_t width, int32_t height, int32_t stride,
                               int32_t threads, kvl_cache* cache);
 
+/* Composites prepared layers, bottom first, onto a frame whose pixels are
+ * already set and opaque (kvl_render_frame starts from opaque black). Where
+ * `settled` is not null it receives the number of pixels at which an opaque
+ * layer made the drawing of the layers beneath unnecessary. */
+KVL_API void kvl_composite(const kvl_prep* layers, int32_t count, uint8_t* pixels, int32_t width, int32_t height,
+                           int32_t stride, int32_t threads, int64_t* settled);
+
+/* The compositor's kernels come in sets that draw the same bytes at different
+ * speeds: "plain" (one pixel at a time, on every processor), "avx2" and
+ * "avx512" (x86-64). The set is chosen at the first frame: the one named by
+ * the environment variable KAVLEN_CPU where the processor runs it, else the
+ * fastest it runs. kvl_cpu_use switches to the named set (null or "": back to
+ * the first choice) and returns false, changing nothing, where the processor
+ * or the build lacks it; frames already being drawn finish with their set. */
+KVL_API const char* kvl_cpu_kernels(void);
+KVL_API bool kvl_cpu_use(const char* name);
+
 #endif

@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-#include "gl_output_renderer.h"
+#include "gl_target.h"
 
 class HeadlessGl {
  public:

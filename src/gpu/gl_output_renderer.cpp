@@ -1,6 +1,7 @@
 // The frame loop and scene drawing of the output renderer.
 #include "gl_output_renderer.h"
 
+#include "gl_util.h"
 #include "gl_video_source.h"
 
 #include <EGL/egl.h>
@@ -8,6 +9,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <map>
 
 namespace {
 
@@ -444,4 +446,80 @@ void GlOutputRenderer::drawLayer(const kvl_draw_list* list, const kvl_draw_cmd& 
   glVertexAttribPointer(1, 2, GL_FLOAT, GL_FALSE, 20, reinterpret_cast<const void*>(base + 8));
   glVertexAttribPointer(2, 1, GL_FLOAT, GL_FALSE, 20, reinterpret_cast<const void*>(base + 16));
   glDrawElements(GL_TRIANGLES, cmd.layer_vertex_count / 4 * 6, GL_UNSIGNED_INT, nullptr);
+}
+
+// ---------------------------------------------------------------------------
+// Videos: the renderer's per-frame synchronisation of its video sources with
+// the output state.
+
+bool GlOutputRenderer::videoGlUsable() const {
+  return !failed_ && eglGetCurrentContext() == static_cast<EGLContext>(context_);
+}
+
+void GlOutputRenderer::teardownVideos() {
+  const bool gl = videoGlUsable();
+  for (auto& [key, source] : videos_) source->teardown(gl);
+  videos_.clear();
+}
+
+const GlVideoSource* GlOutputRenderer::videoSource(std::string_view key) const {
+  auto it = videos_.find(key);
+  return it == videos_.end() ? nullptr : it->second.get();
+}
+
+void GlOutputRenderer::syncVideos(bool upload) {
+  if (!engine_) return;
+  std::map<std::string, int64_t> positions;
+  std::map<std::string, double> speeds;
+  bool playing = false;
+  {
+    std::lock_guard<std::mutex> g(lock_);
+    positions = s_.positions;
+    speeds = s_.speeds;
+    playing = s_.playing;
+  }
+
+  // The scene's videos at moment 0, and any the state gives a position: the
+  // interface can keep a file open that no visible layer shows yet.
+  KeySet needed;
+  kvl_media_need needs[kMaxMediaKeys] = {};
+  const int32_t n = std::min(kvl_engine_media_at(engine_, 0, needs, kMaxMediaKeys), kMaxMediaKeys);
+  for (int32_t i = 0; i < n; i++)
+    if (needs[i].key && isVideoMediaKey(needs[i].key)) needed.emplace(needs[i].key);
+  for (const auto& [key, pos] : positions)
+    if (isVideoMediaKey(key)) needed.insert(key);
+
+  const bool gl = videoGlUsable();
+  for (auto it = videos_.begin(); it != videos_.end();) {
+    if (needed.find(it->first) != needed.end()) {
+      ++it;
+      continue;
+    }
+    it->second->teardown(gl);
+    // The engine keeps the old size in its table; only this set forgets it.
+    declared_.erase(it->first);
+    it = videos_.erase(it);
+  }
+
+  for (const std::string& key : needed) {
+    auto it = videos_.find(key);
+    if (it == videos_.end()) {
+      // Not recorded when missing: a file that appears later opens then.
+      std::string path = resolve(key);
+      if (!isRegularFile(path)) continue;
+      it = videos_.emplace(key, std::make_unique<GlVideoSource>(path, videoOptions)).first;
+    }
+    GlVideoSource& v = *it->second;
+    if (auto p = positions.find(key); p != positions.end()) {
+      auto s = speeds.find(key);
+      v.sync(p->second, s != speeds.end() ? s->second : 1.0, playing);
+    } else {
+      v.freeRun();
+    }
+    if (gl && upload) v.update();
+    if (v.width() > 1 && declared_.find(key) == declared_.end()) {
+      kvl_engine_declare_source(engine_, key.c_str(), v.width(), v.height());
+      declared_.insert(key);
+    }
+  }
 }

@@ -26,20 +26,12 @@
 #include <unordered_map>
 #include <vector>
 
+#include "gl_target.h"
 #include "image_file.h"
 #include "output_renderer_core.h"
 #include "video_player.h"
 
 class GlVideoSource;
-
-// The framebuffer a frame goes to. `clear` stands for the load action of the
-// first pass: clear to `clearColor`, or keep what is there.
-struct GlTarget {
-  GLuint framebuffer = 0;
-  int32_t width = 0, height = 0;
-  bool clear = true;
-  float clearColor[4] = {0, 0, 0, 1};
-};
 
 // What a text provider answers for a text key: the description it drew
 // (`spec`) and, when the text is new or changed, its rendering (straight RGBA).
@@ -207,4 +199,6 @@ class GlOutputRenderer : public OutputRendererCore {
   int32_t scissor_[4] = {};  // x, y (from the top), width, height
   int32_t targetW_ = 0, targetH_ = 0;
   bool encoder_ = false;
+  // The most media keys asked of the engine for one moment.
+  static constexpr int32_t kMaxMediaKeys = 64;
 };

@@ -1,14 +1,13 @@
 // Textures of the output renderer: still images, host-drawn text, masks of
 // the draw list, the test chart; and the media pass that tells the engine
 // the size of each new source.
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cctype>
 #include <cmath>
 #include <cstdlib>
 
 #include "gl_output_renderer.h"
+#include "gl_util.h"
 #include "gl_video_source.h"
 #include "media_key.h"
 #include "test_pattern.h"
@@ -16,14 +15,8 @@
 namespace {
 
 constexpr size_t kMaskCacheSize = 64;
-constexpr int32_t kMaxMediaKeys = 64;
 
 bool startsWith(std::string_view s, std::string_view prefix) { return s.substr(0, prefix.size()) == prefix; }
-
-bool fileExists(const std::string& path) {
-  struct stat st{};
-  return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
-}
 
 }  // namespace
 
@@ -97,7 +90,7 @@ std::optional<GlTexture> GlOutputRenderer::imageTexture(std::string_view key) {
   if (startsWith(key, "text:") || isVideoMediaKey(key)) return std::nullopt;
   std::string path = resolve(key);
   // Not recorded: a file that appears later is picked up.
-  if (!fileExists(path)) return std::nullopt;
+  if (!isRegularFile(path)) return std::nullopt;
   ImageFile image;
   std::string error;
   std::optional<GlTexture> t;

@@ -1,5 +1,4 @@
-// Output videos: GlVideoSource (a player and its texture) and the renderer's
-// per-frame synchronisation of its videos with the output state.
+// Output videos: GlVideoSource, a player and its texture.
 #include "gl_video_source.h"
 
 extern "C" {
@@ -8,18 +7,12 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
-#include <EGL/egl.h>
-#include <sys/stat.h>
-
 #include <cctype>
 #include <cmath>
-#include <map>
 
-#include "gl_output_renderer.h"
+#include "gl_util.h"
 
 namespace {
-
-constexpr int32_t kMaxMediaKeys = 64;
 
 const char* const kVertexShader = R"(#version 300 es
 // One triangle that covers the target; no vertex data needed.
@@ -50,20 +43,6 @@ void main() {
 }
 )";
 
-GLuint compile(GLenum kind, const char* text) {
-  GLuint s = glCreateShader(kind);
-  if (!s) return 0;
-  glShaderSource(s, 1, &text, nullptr);
-  glCompileShader(s);
-  GLint ok = 0;
-  glGetShaderiv(s, GL_COMPILE_STATUS, &ok);
-  if (!ok) {
-    glDeleteShader(s);
-    return 0;
-  }
-  return s;
-}
-
 // Y'CbCr to RGB for the frame's matrix and range, as a column-major mat3 and
 // the offsets subtracted first. Untagged video follows the usual habit: HD
 // and larger is BT.709, smaller BT.601.
@@ -85,11 +64,6 @@ void yuvMatrix(const AVFrame* f, float m[9], float off[3]) {
   for (int i = 0; i < 9; i++) m[i] = static_cast<float>(m9[i]);
   off[0] = full ? 0.0f : 16.0f / 255.0f;
   off[1] = off[2] = 128.0f / 255.0f;
-}
-
-bool fileExists(const std::string& path) {
-  struct stat st{};
-  return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
 // GL state that the conversion pass changes, put back afterwards so that
@@ -249,22 +223,15 @@ bool GlVideoSource::ensureProgram() {
   if (program_) return true;
   if (programFailed_) return false;
   programFailed_ = true;
-  GLuint vs = compile(GL_VERTEX_SHADER, kVertexShader);
-  GLuint fs = compile(GL_FRAGMENT_SHADER, kFragmentShader);
-  GLuint prog = vs && fs ? glCreateProgram() : 0;
-  if (prog) {
-    glAttachShader(prog, vs);
-    glAttachShader(prog, fs);
-    glLinkProgram(prog);
-  }
+  // A failure leaves the video to the processor's conversion; its text is
+  // not needed.
+  std::string error;
+  GLuint vs = compileStage(GL_VERTEX_SHADER, kVertexShader, "kvl_vs_video", error);
+  GLuint fs = vs ? compileStage(GL_FRAGMENT_SHADER, kFragmentShader, "kvl_fs_video", error) : 0;
+  GLuint prog = vs && fs ? linkProgram(vs, fs, "video", error) : 0;
   if (vs) glDeleteShader(vs);
   if (fs) glDeleteShader(fs);
-  GLint ok = 0;
-  if (prog) glGetProgramiv(prog, GL_LINK_STATUS, &ok);
-  if (!ok) {
-    if (prog) glDeleteProgram(prog);
-    return false;
-  }
+  if (!prog) return false;
   program_ = prog;
   glUseProgram(prog);
   glUniform1i(glGetUniformLocation(prog, "uY"), 0);
@@ -417,79 +384,4 @@ void GlVideoSource::teardown(bool glUsable) {
     planeW_[i] = planeH_[i] = 0;
   }
   rgbaW_ = rgbaH_ = 0;
-}
-
-// ---------------------------------------------------------------------------
-// The renderer's side.
-
-bool GlOutputRenderer::videoGlUsable() const {
-  return !failed_ && eglGetCurrentContext() == static_cast<EGLContext>(context_);
-}
-
-void GlOutputRenderer::teardownVideos() {
-  const bool gl = videoGlUsable();
-  for (auto& [key, source] : videos_) source->teardown(gl);
-  videos_.clear();
-}
-
-const GlVideoSource* GlOutputRenderer::videoSource(std::string_view key) const {
-  auto it = videos_.find(key);
-  return it == videos_.end() ? nullptr : it->second.get();
-}
-
-void GlOutputRenderer::syncVideos(bool upload) {
-  if (!engine_) return;
-  std::map<std::string, int64_t> positions;
-  std::map<std::string, double> speeds;
-  bool playing = false;
-  {
-    std::lock_guard<std::mutex> g(lock_);
-    positions = s_.positions;
-    speeds = s_.speeds;
-    playing = s_.playing;
-  }
-
-  // The scene's videos at moment 0, and any the state gives a position: the
-  // interface can keep a file open that no visible layer shows yet.
-  KeySet needed;
-  kvl_media_need needs[kMaxMediaKeys] = {};
-  const int32_t n = std::min(kvl_engine_media_at(engine_, 0, needs, kMaxMediaKeys), kMaxMediaKeys);
-  for (int32_t i = 0; i < n; i++)
-    if (needs[i].key && isVideoMediaKey(needs[i].key)) needed.emplace(needs[i].key);
-  for (const auto& [key, pos] : positions)
-    if (isVideoMediaKey(key)) needed.insert(key);
-
-  const bool gl = videoGlUsable();
-  for (auto it = videos_.begin(); it != videos_.end();) {
-    if (needed.find(it->first) != needed.end()) {
-      ++it;
-      continue;
-    }
-    it->second->teardown(gl);
-    // The engine keeps the old size in its table; only this set forgets it.
-    declared_.erase(it->first);
-    it = videos_.erase(it);
-  }
-
-  for (const std::string& key : needed) {
-    auto it = videos_.find(key);
-    if (it == videos_.end()) {
-      // Not recorded when missing: a file that appears later opens then.
-      std::string path = resolve(key);
-      if (!fileExists(path)) continue;
-      it = videos_.emplace(key, std::make_unique<GlVideoSource>(path, videoOptions)).first;
-    }
-    GlVideoSource& v = *it->second;
-    if (auto p = positions.find(key); p != positions.end()) {
-      auto s = speeds.find(key);
-      v.sync(p->second, s != speeds.end() ? s->second : 1.0, playing);
-    } else {
-      v.freeRun();
-    }
-    if (gl && upload) v.update();
-    if (v.width() > 1 && declared_.find(key) == declared_.end()) {
-      kvl_engine_declare_source(engine_, key.c_str(), v.width(), v.height());
-      declared_.insert(key);
-    }
-  }
 }
