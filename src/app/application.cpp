@@ -14,6 +14,7 @@
 #include "audio_input.h"
 #include "audio_input_plugin.h"
 #include "channel_host.h"
+#include "console_server.h"
 #include "main_loop.h"
 #include "main_window.h"
 #include "media_plugins.h"
@@ -129,6 +130,11 @@ int runApplication(const std::vector<std::string>& paths) {
   capture::AudioInputPlugin::registerWith(channels, loop);
   services::ThumbnailPlugin::registerWith(channels, loop, workers);
 
+  ConsoleServer console(ConsoleServer::findRoot(), &outputs);
+  channels.setHttpHandler([&console](const host::HttpRequest& request, std::function<void(host::HttpResponse)> respond) {
+    respond(console.handle(request));
+  });
+
   if (!channels.start(port, error)) {
     fprintf(stderr, "kavlen: %s\n", error.c_str());
     window.reset();
@@ -137,10 +143,14 @@ int runApplication(const std::vector<std::string>& paths) {
     return 1;
   }
 
+  fprintf(stderr, "[kavlen] console on http://127.0.0.1:%u/ (files in %s)\n", unsigned(channels.port()),
+          console.root().c_str());
+
   auto refreshMonitor = [&] {
     if (!window) return;
     MonitorState s;
     s.channels = "ws://127.0.0.1:" + std::to_string(channels.port()) + "/channels";
+    s.console = "http://127.0.0.1:" + std::to_string(channels.port()) + "/";
     for (const auto& c : channels.clients()) s.clients.push_back(clientLine(c));
     for (output::Preview& p : outputs.previews(320, 180))
       s.outputs.push_back({p.id, p.where, std::move(p.rgba), p.width, p.height});
@@ -169,6 +179,7 @@ int runApplication(const std::vector<std::string>& paths) {
   capture::AudioInput::shared().stopAll();
   capture::AudioInput::shared().isRunning();
   channels.stop();
+  channels.setHttpHandler(nullptr);
   workers.shutdown();
   window.reset();
   outputsOwner.reset();
