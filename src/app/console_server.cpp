@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -20,7 +21,8 @@ extern "C" unsigned char* stbi_write_png_to_mem(const unsigned char* pixels, int
 namespace kavlen::app {
 namespace {
 
-constexpr int kPreviewW = 480, kPreviewH = 270;
+// The main window's size too, so both share one cached render per output.
+constexpr int kPreviewW = 320, kPreviewH = 180;
 
 bool endsWith(const std::string& s, const std::string& tail) {
   return s.size() >= tail.size() && s.compare(s.size() - tail.size(), tail.size(), tail) == 0;
@@ -83,7 +85,7 @@ bool ConsoleServer::safePath(const std::string& path) {
   return !partStart;
 }
 
-host::HttpResponse ConsoleServer::handle(const host::HttpRequest& request) const {
+host::HttpResponse ConsoleServer::handle(const host::HttpRequest& request) {
   if (request.method != "GET" && request.method != "HEAD") return text(405, "method not allowed");
   const std::string path = request.path == "/" ? "/index.html" : request.path;
   if (path.rfind("/preview/", 0) == 0 && endsWith(path, ".png"))
@@ -102,9 +104,14 @@ host::HttpResponse ConsoleServer::handle(const host::HttpRequest& request) const
   return r;
 }
 
-host::HttpResponse ConsoleServer::preview(const std::string& id) const {
+host::HttpResponse ConsoleServer::preview(const std::string& id) {
   if (!outputs_ || id.empty()) return text(404, "no such output");
-  for (output::Preview& p : outputs_->previews(kPreviewW, kPreviewH)) {
+  std::vector<output::Preview> all = outputs_->previews(kPreviewW, kPreviewH);
+  for (auto it = encoded_.begin(); it != encoded_.end();)  // forget closed outputs
+    it = std::any_of(all.begin(), all.end(), [&](const output::Preview& p) { return p.id == it->first; })
+             ? std::next(it)
+             : encoded_.erase(it);
+  for (output::Preview& p : all) {
     if (p.id != id) continue;
     std::vector<uint8_t> rgba = std::move(p.rgba);
     int w = p.width, h = p.height;
@@ -114,14 +121,22 @@ host::HttpResponse ConsoleServer::preview(const std::string& id) const {
       rgba.assign(size_t(w) * h * 4, 0);
       for (size_t i = 3; i < rgba.size(); i += 4) rgba[i] = 255;
     }
-    int len = 0;
-    unsigned char* png = stbi_write_png_to_mem(rgba.data(), w * 4, w, h, 4, &len);
-    if (!png) return text(500, "the preview could not be encoded");
+    Encoded& e = encoded_[id];
+    if (e.png.empty() || e.rgba != rgba) {
+      int len = 0;
+      unsigned char* png = stbi_write_png_to_mem(rgba.data(), w * 4, w, h, 4, &len);
+      if (!png) {
+        encoded_.erase(id);
+        return text(500, "the preview could not be encoded");
+      }
+      e.png.assign(reinterpret_cast<const char*>(png), size_t(len));
+      free(png);
+      e.rgba = std::move(rgba);
+    }
     host::HttpResponse r;
     r.status = 200;
     r.contentType = "image/png";
-    r.body.assign(reinterpret_cast<const char*>(png), size_t(len));
-    free(png);
+    r.body = e.png;
     r.headers.emplace_back("Cache-Control", "no-store");
     return r;
   }

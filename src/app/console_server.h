@@ -4,10 +4,12 @@
 //
 //   GET /                      index.html
 //   GET /NAME.js, .css, ...    the console's files (no hidden names, no "..")
-//   GET /preview/ID.png        the output's last state, 480x270; 404 when not open
+//   GET /preview/ID.png        the output's last state, 320x180; 404 when not open
 #pragma once
 
+#include <map>
 #include <string>
+#include <vector>
 
 #include "channel_host.h"
 
@@ -26,7 +28,7 @@ class ConsoleServer {
   // holds index.html; else the source tree's console/ folder.
   static std::string findRoot();
 
-  host::HttpResponse handle(const host::HttpRequest& request) const;
+  host::HttpResponse handle(const host::HttpRequest& request);
   const std::string& root() const { return root_; }
 
   // The content type by the name's ending; "application/octet-stream" else.
@@ -36,10 +38,18 @@ class ConsoleServer {
   static bool safePath(const std::string& path);
 
  private:
-  host::HttpResponse preview(const std::string& id) const;
+  host::HttpResponse preview(const std::string& id);
+
+  // The last picture of each output and its PNG: a page asks a few times a
+  // second, and encoding costs far more than comparing.
+  struct Encoded {
+    std::vector<uint8_t> rgba;
+    std::string png;
+  };
 
   std::string root_;
   output::OutputWindowManager* outputs_;
+  std::map<std::string, Encoded> encoded_;
 };
 
 }  // namespace kavlen::app

@@ -116,7 +116,7 @@ async function main() {
       await page.fill("#ex-height", "360");
       await page.fill("#ex-path", path.join(os.tmpdir(), `kavlen-console-${process.pid}.mp4`));
       await page.click("#ex-start");
-      await until("export progress", async () => (await page.getAttribute("#ex-cancel", "disabled")) === null);
+      await until("export progress", async () => (await page.evaluate(() => document.getElementById("ex-progress").value)) > 0, 30000);
       await page.click("#ex-cancel");
       await until("export cancelled", async () => /cancelled/.test(await page.textContent("#ex-result")));
       check(true, "export starts and cancels");
