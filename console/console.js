@@ -353,7 +353,10 @@ async function probe() {
 ch.onState = (up) => {
   $("conn").textContent = up ? `connected to ${location.host}` : "connection lost — reconnecting…";
   $("conn").className = up ? "ok" : "bad";
-  if (!up) for (const o of outputs.values()) o.state = "unknown";
+  if (!up) {
+    for (const o of outputs.values()) o.state = "unknown";
+    renderOutputs();
+  }
 };
 ch.onOpen = () => {
   const root = $("media-root").value;
