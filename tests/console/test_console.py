@@ -34,9 +34,16 @@ class ConsoleTest(unittest.TestCase):
 
     @classmethod
     def tearDownClass(cls):
-        cls.serve.stop()
+        rc = cls.serve.stop()
         cls.x.stop()
         cls.media.cleanup()
+        # Under the sanitizers: memory errors and undefined behaviour anywhere,
+        # and leaks from the console's code (the font library leaks by itself).
+        lines = cls.serve.lines
+        bad = [l for l in lines if "ERROR: AddressSanitizer" in l or "runtime error" in l or "console_server" in l]
+        leaks_only = any("LeakSanitizer" in l for l in lines)
+        if bad or (rc != 0 and not leaks_only):
+            raise AssertionError("kavlen serve ended with %d: %s" % (rc, "\n".join(bad[:20])))
 
     def test_files(self):
         port = self.serve.port
