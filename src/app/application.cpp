@@ -20,6 +20,7 @@
 #include "channel_host.h"
 #include "video_export_plugin.h"
 #include "vision_plugin.h"
+#include "console_server.h"
 #include "main_loop.h"
 #include "main_window.h"
 #include "media_plugins.h"
@@ -137,6 +138,11 @@ int runApplication(const std::vector<std::string>& paths) {
   capture::AudioInputPlugin::registerWith(channels, loop);
   services::ThumbnailPlugin::registerWith(channels, loop, workers);
 
+  ConsoleServer console(ConsoleServer::findRoot(), &outputs);
+  channels.setHttpHandler([&console](const host::HttpRequest& request, std::function<void(host::HttpResponse)> respond) {
+    respond(console.handle(request));
+  });
+
   if (!channels.start(port, error)) {
     fprintf(stderr, "kavlen: %s\n", error.c_str());
     window.reset();
@@ -145,10 +151,14 @@ int runApplication(const std::vector<std::string>& paths) {
     return 1;
   }
 
+  fprintf(stderr, "[kavlen] console on http://127.0.0.1:%u/ (files in %s)\n", unsigned(channels.port()),
+          console.root().c_str());
+
   auto refreshMonitor = [&] {
     if (!window) return;
     MonitorState s;
     s.channels = "ws://127.0.0.1:" + std::to_string(channels.port()) + "/channels";
+    s.console = "http://127.0.0.1:" + std::to_string(channels.port()) + "/";
     for (const auto& c : channels.clients()) s.clients.push_back(clientLine(c));
     for (output::Preview& p : outputs.previews(320, 180))
       s.outputs.push_back({p.id, p.where, std::move(p.rgba), p.width, p.height});
@@ -180,6 +190,7 @@ int runApplication(const std::vector<std::string>& paths) {
   // Dropping the export handler drops its plug-in, which cancels a movie
   // being rendered, so the workers can be joined at once.
   channels.setMethodHandler(exporter::VideoExportPlugin::kChannel, {});
+  channels.setHttpHandler(nullptr);
   workers.shutdown();
   window.reset();
   outputsOwner.reset();
