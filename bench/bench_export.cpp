@@ -71,6 +71,17 @@ const std::vector<std::vector<uint8_t>>& demoFrames() {
 }
 
 // The writer fed frames of the demo scene, 60 of them (2 s), then finished.
+// A writer of the benchmark's frame size and rate.
+std::shared_ptr<ex::MovieWriter> openWriter(const std::string& path, const char* codec, std::string& error) {
+  ex::MovieSettings s;
+  s.path = path;
+  s.width = kW;
+  s.height = kH;
+  s.fps = kFps;
+  s.codec = codec;
+  return ex::MovieWriter::create(s, error);
+}
+
 void BM_WriterOnly(benchmark::State& state) {
   const char* codec = codecName(state.range(0));
   const auto& pictures = demoFrames();
@@ -80,14 +91,8 @@ void BM_WriterOnly(benchmark::State& state) {
   ex::MovieWriter::Timing timing;
   for (auto _ : state) {
     const double cpu0 = cpuSeconds();
-    ex::MovieSettings s;
-    s.path = path;
-    s.width = kW;
-    s.height = kH;
-    s.fps = kFps;
-    s.codec = codec;
     std::string error;
-    auto w = ex::MovieWriter::create(s, error);
+    auto w = openWriter(path, codec, error);
     if (!w) {
       state.SkipWithError(error.c_str());
       return;
@@ -122,14 +127,8 @@ void BM_ExportDemoScene(benchmark::State& state) {
   ex::MovieWriter::Timing timing;
   for (auto _ : state) {
     const double cpu0 = cpuSeconds();
-    ex::MovieSettings s;
-    s.path = path;
-    s.width = kW;
-    s.height = kH;
-    s.fps = kFps;
-    s.codec = codec;
     std::string error;
-    auto w = ex::MovieWriter::create(s, error);
+    auto w = openWriter(path, codec, error);
     auto renderer = ex::nativeRendererFactory()(scene, kW, kH, std::string(KAVLEN_SOURCE_DIR) + "/examples/demo");
     for (int i = 0; i < kFps; i++) {
       auto f = w->frameBuffer();

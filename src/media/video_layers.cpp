@@ -51,7 +51,7 @@ std::optional<VideoImage> videoFrameAt(const std::string& key, const std::string
 
 int feedVideoLayers(kvl_engine* engine, const std::string& sceneText, int64_t timeUs,
                     const std::function<std::string(const std::string& key)>& pathOf,
-                    std::vector<std::string>& warnings) {
+                    std::vector<std::string>& warnings, const std::map<std::string, int64_t>& positions) {
   if (!engine) return 0;
   const std::vector<std::string> videos = videoKeys(sceneText);
   if (videos.empty()) return 0;
@@ -64,7 +64,9 @@ int feedVideoLayers(kvl_engine* engine, const std::string& sceneText, int64_t ti
     bool isVideo = false;
     for (const std::string& v : videos) isVideo = isVideo || v == key;
     if (!isVideo) continue;
-    std::optional<VideoImage> image = videoFrameAt(key, pathOf(key), needs[i].media_us, warnings);
+    const auto position = positions.find(key);
+    const int64_t mediaUs = position != positions.end() ? position->second : needs[i].media_us;
+    std::optional<VideoImage> image = videoFrameAt(key, pathOf(key), mediaUs, warnings);
     if (!image) continue;
     if (kvl_engine_set_source(engine, key.c_str(), image->rgba.data(), image->width, image->height,
                               image->width * 4) != 0) {

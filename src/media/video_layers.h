@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,10 +24,11 @@ namespace kavlen {
 // as "video" or "asset_video" are decoded; `pathOf` turns a key into a file
 // path. A video that cannot be read is left out (the engine then shows its
 // missing-source fill) and named in one line of `warnings`. Returns the count
-// of videos set.
+// of videos set. `positions` (microseconds by key, an output state's video
+// positions) replaces the media time of the keys it names.
 int feedVideoLayers(kvl_engine* engine, const std::string& sceneText, int64_t timeUs,
                     const std::function<std::string(const std::string& key)>& pathOf,
-                    std::vector<std::string>& warnings);
+                    std::vector<std::string>& warnings, const std::map<std::string, int64_t>& positions = {});
 
 // The picture of the video file at `path` at media time `mediaUs`, decoded
 // through SequentialVideoSource: the one both render paths show. Nothing when

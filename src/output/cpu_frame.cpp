@@ -57,6 +57,7 @@ void CpuFrame::draw(int w, int h, const std::string& mediaRoot, std::vector<uint
     release();
     engine_ = kvl_engine_create(sceneJson_.c_str(), dw, dh, nullptr);
     textFeeder_.forget();
+    sources_.forget();
     engineW_ = dw;
     engineH_ = dh;
     sceneChanged_ = false;

@@ -11,28 +11,22 @@ void SceneSources::feed(kvl_engine* engine, const std::string& sceneText, int64_
                         const std::string& mediaRoot, const std::map<std::string, int64_t>& positions) {
   if (!engine) return;
   if (mediaRoot != root_) {
-    images_.clear();
+    clear();
     root_ = mediaRoot;
   }
   auto pathOf = [&](const std::string& key) { return media::key_path(key, mediaRoot); };
   std::vector<std::string> warnings;
-  // Videos first: the ones that the scene paints as video are decoded at
-  // their media time (or the state's position); everything else needed is a
-  // still image.
-  feedVideoLayers(engine, sceneText, timeUs, pathOf, warnings);
+  // Videos first: the keys that the scene paints as video, decoded at their
+  // media time or the state's position; everything else needed is a still.
+  feedVideoLayers(engine, sceneText, timeUs, pathOf, warnings, positions);
   constexpr int32_t kMax = 256;
   kvl_media_need needs[kMax];
   const int32_t n = std::min(kvl_engine_media_at(engine, timeUs, needs, kMax), kMax);
   for (int32_t i = 0; i < n; i++) {
     if (!needs[i].key) continue;
     const std::string key = needs[i].key;
-    if (key.rfind("text:", 0) == 0) continue;
-    if (auto p = positions.find(key); p != positions.end()) {
-      if (auto picture = videoFrameAt(key, pathOf(key), p->second, warnings))
-        kvl_engine_set_source(engine, key.c_str(), picture->rgba.data(), picture->width, picture->height,
-                              picture->width * 4);
-      continue;
-    }
+    // A still already handed to this handle stays there: no copy per frame.
+    if (key.rfind("text:", 0) == 0 || given_.count(key)) continue;
     auto it = images_.find(key);
     if (it == images_.end()) {
       ImageFile image;
@@ -44,8 +38,9 @@ void SceneSources::feed(kvl_engine* engine, const std::string& sceneText, int64_
       it = images_.emplace(key, std::move(image)).first;
     }
     const ImageFile& im = it->second;
-    if (im.width > 0 && im.height > 0)
-      kvl_engine_set_source(engine, key.c_str(), im.rgba.data(), im.width, im.height, im.width * 4);
+    if (im.width > 0 && im.height > 0 &&
+        kvl_engine_set_source(engine, key.c_str(), im.rgba.data(), im.width, im.height, im.width * 4) == 0)
+      given_.insert(key);
   }
 }
 

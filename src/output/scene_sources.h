@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -21,10 +22,16 @@ class SceneSources {
   void feed(kvl_engine* engine, const std::string& sceneText, int64_t timeUs, const std::string& mediaRoot,
             const std::map<std::string, int64_t>& positions = {});
   // Forgets the decoded images (their files may have changed).
-  void clear() { images_.clear(); }
+  void clear() {
+    images_.clear();
+    given_.clear();
+  }
+  // A new engine handle knows no sources: call this when one is made.
+  void forget() { given_.clear(); }
 
  private:
   std::map<std::string, ImageFile> images_;  // key -> decoded picture (empty: failed)
+  std::set<std::string> given_;              // still images the handle already holds
   std::string root_;
 };
 
